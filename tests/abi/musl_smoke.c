@@ -1,0 +1,128 @@
+/* First check of a musl build on the device's C library: the library loads under musl's loader,
+ * and what leans on the C library works there: number formatting and parsing in the value
+ * codec, allocation in the dynamic string, time stamps, thread ids and files in the debug log.
+ * Exits non-zero on the first mismatch. */
+#define _POSIX_C_SOURCE 200809L
+
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <observability_api.h>
+
+static const unsigned char build_id[] = {0x00, 0xc0, 0xff, 0xee};
+static const char log_message[] = "musl smoke: one line";
+
+static int fail(const char *what) {
+    fprintf(stderr, "musl_smoke: %s\n", what);
+    return 1;
+}
+
+static obs_any_value *value_of(obs_any_value *kvlist, const char *key) {
+    return obs_key_value_get_val(obs_key_value_find(obs_any_value_get_kvlist(kvlist), key));
+}
+
+static obs_sds encode_sample_attributes(void) {
+    obs_key_value *attrs = NULL;
+    obs_key_value_add_str(&attrs, "service.name", "door-controller", 0);
+    obs_key_value_add_int(&attrs, "min", INT64_MIN);
+    obs_key_value_add_double(&attrs, "load", -0.125);
+    obs_key_value_add_bool(&attrs, "debug", true);
+    obs_key_value_add_byte(&attrs, "build.id", build_id, sizeof build_id, 0);
+    obs_sds text = obs_key_value_encode(attrs);
+    obs_key_value_free(attrs);
+    return text;
+}
+
+static int holds_c_library_formatting(const char *text) {
+    return strstr(text, "{int 20 -9223372036854775808}") && strstr(text, "{double 9 -0.125000}") &&
+           strstr(text, "{byte 8 00c0ffee}");
+}
+
+static int check_value_round_trip(void) {
+    obs_sds text = encode_sample_attributes();
+    if (!text || !holds_c_library_formatting(text)) {
+        fprintf(stderr, "musl_smoke: encoded %s\n", text ? text : "(null)");
+        obs_sdsfree(text);
+        return fail("64-bit int, double or bytes not written as expected");
+    }
+    obs_any_value *decoded = NULL;
+    obs_sds again = NULL;
+    if (obs_any_value_decode(text, obs_sdslen(text), &decoded))
+        again = obs_any_value_encode(decoded);
+    int ok = again && strcmp(again, text) == 0 &&
+             obs_any_value_get_int(value_of(decoded, "min")) == INT64_MIN &&
+             obs_any_value_get_double(value_of(decoded, "load")) == -0.125 &&
+             memcmp(obs_any_value_get_byte(value_of(decoded, "build.id")), build_id,
+                    sizeof build_id) == 0;
+    obs_sdsfree(again);
+    obs_any_value_free(decoded);
+    obs_sdsfree(text);
+    return ok ? 0 : fail("decoding and encoding again changed the values");
+}
+
+static int check_sds_growth(void) {
+    enum { chunk = 1000, chunks = 3 };
+    char block[chunk];
+    obs_sds s = obs_sdsempty();
+    for (int i = 0; s && i < chunks; ++i) {
+        memset(block, 'a' + i, sizeof block);
+        s = obs_sdscat(s, block, sizeof block);
+    }
+    int ok = s && obs_sdslen(s) == (uint32_t)(chunk * chunks) && s[chunk * chunks] == '\0' &&
+             s[0] == 'a' && s[chunk * chunks - 1] == 'a' + chunks - 1;
+    obs_sdsfree(s);
+    return ok ? 0 : fail("obs_sds lost bytes while growing past its first data area");
+}
+
+static int line_stamped_at(const char *line, time_t when) {
+    char stamp[32];
+    char expected[128];
+    struct tm local;
+    if (!localtime_r(&when, &local) || !strftime(stamp, sizeof stamp, "%F %T", &local)) return 0;
+    snprintf(expected, sizeof expected, "%s [%d] %s\n", stamp, obs_gettid(), log_message);
+    return strcmp(line, expected) == 0;
+}
+
+/* Logs one message to path and returns the file's first line in line. */
+static void log_one_line(const char *path, char *line, int size) {
+    obs_log_file_set(path);
+    FILE *slot = NULL;
+    obs_debug_log_to_file(log_message, &slot, OBS_DEBUG_LOG_DEFAULT_PATH);
+    if (slot) fclose(slot);
+    obs_log_file_set(NULL);
+
+    line[0] = '\0';
+    FILE *file = fopen(path, "r");
+    if (!file) return;
+    if (!fgets(line, size, file)) line[0] = '\0';
+    fclose(file);
+}
+
+static int check_debug_log_line(void) {
+    char dir[] = "/tmp/obs_musl_smoke.XXXXXX";
+    if (!mkdtemp(dir)) return fail("cannot create a temporary directory");
+    char path[sizeof dir + 16];
+    snprintf(path, sizeof path, "%s/smoke.log", dir);
+
+    char line[256];
+    time_t before = time(NULL);
+    log_one_line(path, line, sizeof line);
+    time_t after = time(NULL);
+    unlink(path);
+    rmdir(dir);
+
+    for (time_t when = before; when <= after; ++when) {
+        if (line_stamped_at(line, when)) return 0;
+    }
+    fprintf(stderr, "musl_smoke: log line \"%s\", logged between %lld and %lld\n", line,
+            (long long)before, (long long)after);
+    return fail("debug log line is not \"<time> [<tid>] <message>\"");
+}
+
+int main(void) {
+    return check_value_round_trip() | check_sds_growth() | check_debug_log_line();
+}
