@@ -20,7 +20,9 @@ sds_header *header_of(obs_sds s) {
     return reinterpret_cast<sds_header *>(s - sizeof(sds_header));
 }
 
-obs_sds data_of(sds_header *h) { return reinterpret_cast<char *>(h) + sizeof(sds_header); }
+obs_sds data_of(sds_header *h) {
+    return reinterpret_cast<char *>(h) + sizeof(sds_header);
+}
 
 }  // namespace
 
@@ -73,6 +75,8 @@ void obs_sdsfree(obs_sds s) {
     if (s) free(header_of(s));
 }
 
-uint32_t obs_sdslen(obs_sds s) { return s ? header_of(s)->len : 0; }
+uint32_t obs_sdslen(obs_sds s) {
+    return s ? header_of(s)->len : 0;
+}
 
 }  // extern "C"

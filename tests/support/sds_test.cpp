@@ -8,11 +8,15 @@
 namespace {
 
 // The capacity word sits directly in front of the first character; the length word before it.
-uint32_t alloc_of(obs_sds s) { return reinterpret_cast<const uint32_t *>(s)[-1]; }
-uint32_t len_word_of(obs_sds s) { return reinterpret_cast<const uint32_t *>(s)[-2]; }
+uint32_t alloc_of(obs_sds s) {
+    return reinterpret_cast<const uint32_t *>(s)[-1];
+}
+uint32_t len_word_of(obs_sds s) {
+    return reinterpret_cast<const uint32_t *>(s)[-2];
+}
 
 class SdsTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override { obs_sdsfree(s_); }
     obs_sds s_ = obs_sdsempty();
 };
