@@ -80,13 +80,15 @@ bool write_str(text_writer *w, uint32_t level, const char *str) {
            append(w, level, "\"", 1);
 }
 
+// Two lower-case digits per byte, as "%02x" writes them.
 bool write_bytes(text_writer *w, uint32_t level, const uint8_t *bytes, uint32_t n) {
-    char hex[64 + 1];
+    static constexpr char kDigits[] = "0123456789abcdef";
+    char hex[64];
     uint32_t used = 0;
     for (uint32_t i = 0; i < n; ++i) {
-        snprintf(hex + used, 3, "%02x", bytes[i]);
-        used += 2;
-        if (used == sizeof hex - 1 || i + 1 == n) {
+        hex[used++] = kDigits[bytes[i] >> 4];
+        hex[used++] = kDigits[bytes[i] & 0x0f];
+        if (used == sizeof hex || i + 1 == n) {
             if (!append(w, level, hex, used)) return false;
             used = 0;
         }

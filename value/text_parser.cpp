@@ -300,17 +300,33 @@ const char *parse_kvlist(const char *p, const char *end, int depth, obs_any_valu
     return close + 1;
 }
 
-// A node at its "{". "{}" leaves the node untyped.
+// A node at its "{". "{}" leaves the node untyped. The first letter picks the one keyword the
+// node can have (two for "b"), so each node costs at most two comparisons.
 const char *parse_node(const char *p, const char *end, int depth, obs_any_value *node) {
     const char *name = p + 1;
-    if (starts_with(name, "str ")) return parse_str(name + 4, end, node);
-    if (starts_with(name, "byte ")) return parse_byte(name + 5, end, node);
-    if (starts_with(name, "bool ")) return parse_bool(name + 5, end, node);
-    if (starts_with(name, "int ")) return parse_number(name + 4, end, OBS_VALUE_INT, node);
-    if (starts_with(name, "double ")) return parse_number(name + 7, end, OBS_VALUE_DOUBLE, node);
-    if (starts_with(name, "array ")) return parse_array(name + 6, end, depth, node);
-    if (starts_with(name, "kvlist ")) return parse_kvlist(name + 7, end, depth, node);
-    return *name == '}' ? name : nullptr;
+    switch (*name) {
+        case 's':
+            return starts_with(name, "str ") ? parse_str(name + 4, end, node) : nullptr;
+        case 'b':
+            if (starts_with(name, "byte ")) return parse_byte(name + 5, end, node);
+            return starts_with(name, "bool ") ? parse_bool(name + 5, end, node) : nullptr;
+        case 'i':
+            return starts_with(name, "int ") ? parse_number(name + 4, end, OBS_VALUE_INT, node)
+                                             : nullptr;
+        case 'd':
+            return starts_with(name, "double ")
+                       ? parse_number(name + 7, end, OBS_VALUE_DOUBLE, node)
+                       : nullptr;
+        case 'a':
+            return starts_with(name, "array ") ? parse_array(name + 6, end, depth, node) : nullptr;
+        case 'k':
+            return starts_with(name, "kvlist ") ? parse_kvlist(name + 7, end, depth, node)
+                                                : nullptr;
+        case '}':
+            return name;
+        default:
+            return nullptr;
+    }
 }
 
 // A list at its "["; the nodes read are appended to the tail of *out.
