@@ -1,0 +1,15 @@
+// The library's one way to write a diagnostic line: formatted into a 1024-byte buffer (cut, never
+// overrun) and handed to the debug log with a fresh slot that is closed afterwards.
+#ifndef OBS_SUPPORT_LOG_H
+#define OBS_SUPPORT_LOG_H
+
+namespace obs {
+
+void log_line(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace obs
+
+// A line that begins with the reporting operation's name and source line.
+#define OBS_LOG(format, ...) obs::log_line("%s:%d " format, __func__, __LINE__, ##__VA_ARGS__)
+
+#endif
