@@ -7,5 +7,8 @@
 #include "observability/debug_log.h"
 #include "observability/sds.h"
 #include "observability/value.h"
+#include "observability/ipc.h"
+#include "observability/policy.h"
+#include "observability/policy_ot.h"
 
 #endif
