@@ -2,59 +2,52 @@
 
 namespace obs {
 
-key_path service_index_key() {
+namespace {
+
+template <typename... Args>
+key_path format_key(const char *pattern, Args... args) {
     key_path key;
-    key.format(OBS_IPC_KEY_ROOT "service_keys");
+    key.format(pattern, args...);
     return key;
+}
+
+}  // namespace
+
+key_path service_index_key() {
+    return format_key(OBS_IPC_KEY_ROOT "service_keys");
 }
 
 key_path service_uid_key(const char *service) {
-    key_path key;
-    key.format(OBS_IPC_KEY_ROOT "service{%s}/uid", service);
-    return key;
+    return format_key(OBS_IPC_KEY_ROOT "service{%s}/uid", service);
 }
 
 key_path sdk_version_key(const char *service, const char *sdk) {
-    key_path key;
-    key.format(OBS_IPC_KEY_ROOT "service{%s}/policysdk{%s}/version", service, sdk);
-    return key;
+    return format_key(OBS_IPC_KEY_ROOT "service{%s}/policysdk{%s}/version", service, sdk);
 }
 
 key_path sdk_index_key(const char *service) {
-    key_path key;
-    key.format(OBS_IPC_KEY_ROOT "service{%s}/policysdk_keys", service);
-    return key;
+    return format_key(OBS_IPC_KEY_ROOT "service{%s}/policysdk_keys", service);
 }
 
 key_path scope_name_key(const char *service, const char *scope) {
-    key_path key;
-    key.format(OBS_IPC_KEY_ROOT "service{%s}/scope{%s}/name", service, scope);
-    return key;
+    return format_key(OBS_IPC_KEY_ROOT "service{%s}/scope{%s}/name", service, scope);
 }
 
 key_path policy_key(const char *service, const char *scope, const char *sdk) {
-    key_path key;
-    key.format(OBS_IPC_KEY_ROOT "service{%s}/scope{%s}/%s", service, scope, sdk);
-    return key;
+    return format_key(OBS_IPC_KEY_ROOT "service{%s}/scope{%s}/%s", service, scope, sdk);
 }
 
 key_path report_key(const char *service) {
-    key_path key;
-    key.format(OBS_IPC_KEY_ROOT "service{%s}/report", service);
-    return key;
+    return format_key(OBS_IPC_KEY_ROOT "service{%s}/report", service);
 }
 
 key_path record_path(const char *root, const char *service, const char *scope, const char *sdk) {
-    key_path path;
-    path.format("%s/service{%s}/scope{%s}/%s", root, service, scope, sdk);
-    return path;
+    return format_key("%s/service{%s}/scope{%s}/%s", root, service, scope, sdk);
 }
 
 key_path record_path_from_prefix(const char *prefix, const char *service, const char *scope,
                                  const char *rest) {
-    key_path path;
-    path.format("%s{%s}/scope{%s}/%s", prefix, service, scope, rest);
-    return path;
+    return format_key("%s{%s}/scope{%s}/%s", prefix, service, scope, rest);
 }
 
 }  // namespace obs

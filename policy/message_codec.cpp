@@ -10,6 +10,7 @@
 #include "observability/sds.h"
 #include "observability/value.h"
 #include "support/log.h"
+#include "value/bounded_text.h"
 
 namespace {
 
@@ -98,39 +99,6 @@ obs_sds encode_message(const obs_policy *policy) {
     return text;
 }
 
-// The received bytes as a NUL-terminated text that lies within them: up to the first NUL, or a
-// terminated copy of all of them when the sender sent none. chars() is null when that copy
-// cannot be made.
-class message_text {
-  public:
-    message_text(const char *data, uint32_t len) {
-        const auto *nul = static_cast<const char *>(memchr(data, '\0', len));
-        if (nul) {
-            chars_ = data;
-            length_ = static_cast<size_t>(nul - data);
-            return;
-        }
-        size_t size = size_t{len} + 1;
-        copy_ = size ? static_cast<char *>(malloc(size)) : nullptr;
-        if (!copy_) return;
-        memcpy(copy_, data, len);
-        copy_[len] = '\0';
-        chars_ = copy_;
-        length_ = len;
-    }
-    ~message_text() { free(copy_); }
-    message_text(const message_text &) = delete;
-    message_text &operator=(const message_text &) = delete;
-
-    const char *chars() const { return chars_; }
-    size_t length() const { return length_; }
-
-  private:
-    const char *chars_ = nullptr;
-    char *copy_ = nullptr;
-    size_t length_ = 0;
-};
-
 // The value of the first entry with key when it is one node of type code type (never a node
 // already taken over), else null.
 obs_any_value *entry_of_type(obs_key_value *pairs, const char *key, uint8_t type) {
@@ -212,7 +180,7 @@ const char *or_na(const char *text) {
 }
 
 // The parsed message when text holds one (a single kvlist node), else null.
-obs_any_value *parse_message(const message_text &text) {
+obs_any_value *parse_message(const obs::bounded_text &text) {
     if (!text.chars()) return nullptr;
     obs_any_value *tree = nullptr;
     obs_any_value_decode(text.chars(), static_cast<uint32_t>(text.length() + 1), &tree);
@@ -248,7 +216,7 @@ void obs_policy_internal_encode(const obs_policy *policy, char **text, uint32_t 
 
 void obs_policy_internal_decode(const void *data, uint32_t len, obs_policy **out) {
     if (!data || len == 0 || !out) return;
-    message_text text(static_cast<const char *>(data), len);
+    obs::bounded_text text(static_cast<const char *>(data), len);
     obs::log_line("decode from:");
     obs::log_line("%s", text.chars() ? text.chars() : "");
     obs_any_value *message = parse_message(text);

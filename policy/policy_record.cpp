@@ -1,34 +1,34 @@
 // Copying and releasing policy records.
-#include <cstdlib>
-#include <cstring>
+#include "policy/policy_record.h"
 
-#include "observability/policy.h"
+#include <cstdlib>
+
+#include "support/list.h"
+#include "support/owned_copy.h"
 
 namespace {
-
-void *copy_block(const void *src, uint32_t n) {
-    void *copy = malloc(n);
-    if (copy) memcpy(copy, src, n);
-    return copy;
-}
-
-// Copies the text in *field in place; false when memory runs out (the field is then null).
-bool copy_text(char **field) {
-    if (!*field) return true;
-    *field = strdup(*field);
-    return *field != nullptr;
-}
 
 void release_fields(obs_policy *record) {
     free(record->name);
     free(record->path);
     free(record->reqid);
     free(record->traceid);
-    free(record->codec_val);
     free(record->raw_val);
 }
 
 }  // namespace
+
+void obs::policy_list_release(obs_policy *list, void (*release_codec)(obs_policy *record)) {
+    obs::list_release(list, [release_codec](obs_policy *record) {
+        if (release_codec) {
+            release_codec(record);
+        } else {
+            free(record->codec_val);
+        }
+        release_fields(record);
+        free(record);
+    });
+}
 
 extern "C" {
 
@@ -41,18 +41,18 @@ obs_policy *obs_policy_clone_one(const obs_policy *src, int with_codec) {
     // Whatever the source holds, the copy holds plain bytes, never an entry chain it would own.
     copy->dispatch_flags &= ~OBS_POLICY_FLAG_TRANSLATED;
     copy->raw_val =
-        src->raw_val && src->raw_vlen ? copy_block(src->raw_val, src->raw_vlen) : nullptr;
+        src->raw_val && src->raw_vlen ? obs::copy_block(src->raw_val, src->raw_vlen) : nullptr;
     if (with_codec && src->codec_val && src->codec_vlen) {
-        copy->codec_val = copy_block(src->codec_val, src->codec_vlen);
+        copy->codec_val = obs::copy_block(src->codec_val, src->codec_vlen);
     } else {
         copy->codec_val = nullptr;
         copy->codec_vlen = 0;
     }
-    bool texts_copied = copy_text(&copy->reqid) & copy_text(&copy->traceid) &
-                        copy_text(&copy->path) & copy_text(&copy->name);
+    bool texts_copied = obs::copy_text_in_place(&copy->reqid) &
+                        obs::copy_text_in_place(&copy->traceid) &
+                        obs::copy_text_in_place(&copy->path) & obs::copy_text_in_place(&copy->name);
     if (!texts_copied) {
-        release_fields(copy);
-        free(copy);
+        obs::policy_list_release(copy, nullptr);
         return nullptr;
     }
     return copy;
@@ -67,12 +67,7 @@ void obs_policy_free(obs_policy *list) {
         owner->provider->free(list);
         return;
     }
-    while (list) {
-        obs_policy *next = list->next;
-        release_fields(list);
-        free(list);
-        list = next;
-    }
+    obs::policy_list_release(list, nullptr);
 }
 
 }  // extern "C"

@@ -8,49 +8,24 @@
 
 namespace {
 
-obs_sdk_policy_provider default_template = {OBS_POLICY_PROVIDER_DEFAULT,
-                                            "",
-                                            "1.0",
-                                            obs_policy_init,
-                                            nullptr,
-                                            nullptr,
-                                            nullptr,
-                                            nullptr,
-                                            nullptr,
-                                            obs_policy_free};
+// Every built-in record creates its contexts with obs_policy_init and has version "1.0"; they
+// differ in class, name and the hooks that translate and release received records. A constant
+// expression, so the tables are filled at load time.
+constexpr obs_sdk_policy_provider builtin(uint32_t type, const char *name,
+                                          obs_policy_translator_fn translator,
+                                          obs_policy_free_fn release) {
+    return {type,    name,    "1.0",      obs_policy_init, nullptr,
+            nullptr, nullptr, translator, nullptr,         release};
+}
 
-obs_sdk_policy_provider monitor_provider = {OBS_POLICY_PROVIDER_MONITOR,
-                                            "monitor",
-                                            "1.0",
-                                            obs_policy_init,
-                                            nullptr,
-                                            nullptr,
-                                            nullptr,
-                                            nullptr,
-                                            nullptr,
-                                            obs_policy_free};
-
-obs_sdk_policy_provider ot_provider = {OBS_POLICY_PROVIDER_SDK,
-                                       "obs",
-                                       "1.0",
-                                       obs_policy_init,
-                                       nullptr,
-                                       nullptr,
-                                       nullptr,
-                                       sdk_policy_ot_apply_translate,
-                                       nullptr,
-                                       sdk_policy_ot_free};
-
-obs_sdk_policy_provider ot_monitor_provider = {OBS_POLICY_PROVIDER_MONITOR,
-                                               "obs-monitor",
-                                               "1.0",
-                                               obs_policy_init,
-                                               nullptr,
-                                               nullptr,
-                                               nullptr,
-                                               sdk_policy_ot_apply_translate,
-                                               nullptr,
-                                               sdk_policy_ot_free};
+obs_sdk_policy_provider default_template =
+    builtin(OBS_POLICY_PROVIDER_DEFAULT, "", nullptr, obs_policy_free);
+obs_sdk_policy_provider monitor_provider =
+    builtin(OBS_POLICY_PROVIDER_MONITOR, "monitor", nullptr, obs_policy_free);
+obs_sdk_policy_provider ot_provider =
+    builtin(OBS_POLICY_PROVIDER_SDK, "obs", sdk_policy_ot_apply_translate, sdk_policy_ot_free);
+obs_sdk_policy_provider ot_monitor_provider = builtin(
+    OBS_POLICY_PROVIDER_MONITOR, "obs-monitor", sdk_policy_ot_apply_translate, sdk_policy_ot_free);
 
 obs_sdk_policy_provider *provider_of(obs_policy_ctx *ctx) {
     return ctx ? ctx->provider : nullptr;

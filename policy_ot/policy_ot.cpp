@@ -6,102 +6,11 @@
 
 #include "observability/policy_ot.h"
 #include "policy_ot/translated_record.h"
-#include "policy_ot/value_copy.h"
+#include "support/list.h"
+#include "support/owned_copy.h"
+#include "value/deep_copy.h"
 
 namespace {
-
-bool copy_node_into(obs_any_value *node, const obs_any_value *src);
-
-// Copies the text in *field in place; false when memory runs out (the field is then null).
-bool copy_text(char **field) {
-    if (!*field) return true;
-    *field = strdup(*field);
-    return *field != nullptr;
-}
-
-void *copy_block(const void *src, size_t n) {
-    void *block = malloc(n);
-    if (block) memcpy(block, src, n);
-    return block;
-}
-
-// The elements live in one block whose nodes have no next of their own.
-obs_any_value *copy_elements(const obs_any_value *elements, uint32_t count) {
-    auto *block = static_cast<obs_any_value *>(calloc(count, sizeof(obs_any_value)));
-    if (!block) return nullptr;
-    for (uint32_t i = 0; i < count; ++i) {
-        if (!copy_node_into(&block[i], &elements[i])) {
-            for (uint32_t j = 0; j < i; ++j) obs_any_value_free_generic(&block[j], 1);
-            free(block);
-            return nullptr;
-        }
-    }
-    return block;
-}
-
-// Gives node, a bitwise copy of src, a payload of its own; false when memory runs out.
-bool own_payload(obs_any_value *node, const obs_any_value *src) {
-    const void *payload = src->val.ptr;
-    switch (src->type & 0x0f) {
-        case OBS_VALUE_STR:
-            node->val.ptr = payload ? strdup(static_cast<const char *>(payload)) : nullptr;
-            break;
-        case OBS_VALUE_BYTES:
-            if (!src->vlen) payload = nullptr;
-            node->val.ptr = payload ? copy_block(payload, src->vlen) : nullptr;
-            break;
-        case OBS_VALUE_ARRAY:
-            if (!src->vlen) payload = nullptr;
-            node->val.ptr =
-                payload ? copy_elements(static_cast<const obs_any_value *>(payload), src->vlen)
-                        : nullptr;
-            break;
-        case OBS_VALUE_KVLIST:
-            node->val.ptr = obs::key_value_deep_copy(static_cast<const obs_key_value *>(payload));
-            break;
-        default:
-            return true;
-    }
-    return node->val.ptr || !payload;
-}
-
-// node becomes a copy of src with next null that owns what it holds; false when memory runs
-// out, node then holding nothing to release.
-bool copy_node_into(obs_any_value *node, const obs_any_value *src) {
-    *node = *src;
-    node->next = nullptr;
-    node->type = src->type & ~OBS_VALUE_REF;
-    return own_payload(node, src);
-}
-
-// The whole chain from node, or null when memory runs out.
-obs_any_value *copy_chain(const obs_any_value *node) {
-    obs_any_value *copy = nullptr;
-    obs_any_value **link = &copy;
-    for (; node; node = node->next) {
-        auto *twin = static_cast<obs_any_value *>(malloc(sizeof(obs_any_value)));
-        if (!twin || !copy_node_into(twin, node)) {
-            free(twin);
-            obs_any_value_free(copy);
-            return nullptr;
-        }
-        *link = twin;
-        link = &twin->next;
-    }
-    return copy;
-}
-
-obs_key_value *copy_pair(const obs_key_value *src) {
-    auto *pair = static_cast<obs_key_value *>(calloc(1, sizeof(obs_key_value)));
-    if (!pair) return nullptr;
-    pair->key = src->key;
-    pair->val = copy_chain(src->val);
-    if (!copy_text(&pair->key) || (src->val && !pair->val)) {
-        obs_key_value_free(pair);
-        return nullptr;
-    }
-    return pair;
-}
 
 obs_policy_ot_rule *copy_rule(const obs_policy_ot_rule *src) {
     auto *rule = static_cast<obs_policy_ot_rule *>(calloc(1, sizeof(obs_policy_ot_rule)));
@@ -121,7 +30,7 @@ obs_policy_ot *copy_entry(const obs_policy_ot *src) {
     if (!entry) return nullptr;
     *entry = *src;
     entry->next = nullptr;
-    if (!copy_text(&entry->scope_name)) {
+    if (!obs::copy_text_in_place(&entry->scope_name)) {
         free(entry);
         return nullptr;
     }
@@ -144,22 +53,23 @@ obs_policy *copy_record(const obs_policy *src) {
     return copy;
 }
 
-}  // namespace
-
-obs_key_value *obs::key_value_deep_copy(const obs_key_value *list) {
-    obs_key_value *copy = nullptr;
-    obs_key_value **link = &copy;
-    for (; list; list = list->next) {
-        obs_key_value *pair = copy_pair(list);
-        if (!pair) {
-            obs_key_value_free(copy);
-            return nullptr;
-        }
-        *link = pair;
-        link = &pair->next;
-    }
-    return copy;
+void release_rule(obs_policy_ot_rule *rule) {
+    obs_key_value_free(rule->kv);
+    free(rule);
 }
+
+void release_entry(obs_policy_ot *entry) {
+    free(entry->scope_name);
+    obs_policy_ot_rule_free(entry->resource_rule);
+    obs_policy_ot_rule_free(entry->scope_rule);
+    obs_policy_ot_rule_free(entry->span_rule);
+    obs_policy_ot_rule_free(entry->log_rule);
+    obs_policy_ot_rule_free(entry->metric_rule);
+    obs_policy_ot_sampler_free(entry->sampler);
+    free(entry);
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -171,63 +81,23 @@ obs_policy_ot *obs_policy_ot_find(obs_policy_ot *list, const char *scope_name) {
 }
 
 obs_policy_ot_rule *obs_policy_ot_rule_clone(const obs_policy_ot_rule *rules, int only_first) {
-    obs_policy_ot_rule *copy = nullptr;
-    obs_policy_ot_rule **link = &copy;
-    for (; rules; rules = only_first ? nullptr : rules->next) {
-        obs_policy_ot_rule *rule = copy_rule(rules);
-        if (!rule) continue;
-        *link = rule;
-        link = &rule->next;
-    }
-    return copy;
+    return obs::list_copy(rules, only_first, copy_rule);
 }
 
 void obs_policy_ot_rule_free(obs_policy_ot_rule *rules) {
-    while (rules) {
-        obs_policy_ot_rule *next = rules->next;
-        obs_key_value_free(rules->kv);
-        free(rules);
-        rules = next;
-    }
+    obs::list_release(rules, release_rule);
 }
 
 obs_policy_ot *obs_policy_ot_clone(const obs_policy_ot *list, int only_first) {
-    obs_policy_ot *copy = nullptr;
-    obs_policy_ot **link = &copy;
-    for (; list; list = only_first ? nullptr : list->next) {
-        obs_policy_ot *entry = copy_entry(list);
-        if (!entry) continue;
-        *link = entry;
-        link = &entry->next;
-    }
-    return copy;
+    return obs::list_copy(list, only_first, copy_entry);
 }
 
 void obs_policy_ot_free(obs_policy_ot *list) {
-    while (list) {
-        obs_policy_ot *next = list->next;
-        free(list->scope_name);
-        obs_policy_ot_rule_free(list->resource_rule);
-        obs_policy_ot_rule_free(list->scope_rule);
-        obs_policy_ot_rule_free(list->span_rule);
-        obs_policy_ot_rule_free(list->log_rule);
-        obs_policy_ot_rule_free(list->metric_rule);
-        obs_policy_ot_sampler_free(list->sampler);
-        free(list);
-        list = next;
-    }
+    obs::list_release(list, release_entry);
 }
 
 obs_policy *sdk_policy_ot_clone(const obs_policy *policies, int only_first) {
-    obs_policy *copy = nullptr;
-    obs_policy **link = &copy;
-    for (; policies; policies = only_first ? nullptr : policies->next) {
-        obs_policy *record = copy_record(policies);
-        if (!record) continue;
-        *link = record;
-        link = &record->next;
-    }
-    return copy;
+    return obs::list_copy(policies, only_first, copy_record);
 }
 
 }  // extern "C"

@@ -8,8 +8,9 @@
 
 #include "observability/policy_ot.h"
 #include "observability/sds.h"
-#include "policy_ot/value_copy.h"
-#include "value/list_append.h"
+#include "support/list.h"
+#include "value/bounded_text.h"
+#include "value/deep_copy.h"
 
 namespace {
 
@@ -133,20 +134,11 @@ obs_policy_ot *entry_from_pairs(obs_key_value *pairs) {
     return entry;
 }
 
-// The parser reads up to a terminator; a text without one inside len is parsed from a
-// terminated copy, so nothing past len is ever read.
 obs_any_value *parse_text(const char *text, uint32_t len) {
+    obs::bounded_text bounded(text, len);
     obs_any_value *tree = nullptr;
-    if (memchr(text, '\0', len)) {
-        obs_any_value_decode(text, len, &tree);
-        return tree;
-    }
-    auto *copy = static_cast<char *>(malloc(static_cast<size_t>(len) + 1));
-    if (!copy) return nullptr;
-    memcpy(copy, text, len);
-    copy[len] = '\0';
-    obs_any_value_decode(copy, len, &tree);
-    free(copy);
+    if (bounded.chars())
+        obs_any_value_decode(bounded.chars(), static_cast<uint32_t>(bounded.length() + 1), &tree);
     return tree;
 }
 

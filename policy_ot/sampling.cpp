@@ -6,6 +6,8 @@
 #include <cstring>
 
 #include "observability/policy_ot.h"
+#include "support/list.h"
+#include "support/owned_copy.h"
 
 namespace {
 
@@ -31,7 +33,7 @@ obs_policy_ot_sampler *copy_sampler(const obs_policy_ot_sampler *src) {
     if (!copy) return nullptr;
     *copy = *src;
     copy->next = nullptr;
-    if (src->name && !(copy->name = strdup(src->name))) {
+    if (!obs::copy_text_in_place(&copy->name)) {
         free(copy);
         return nullptr;
     }
@@ -66,27 +68,17 @@ const char *obs_policy_ot_sampler_dump_config(obs_sampling sampling, char *buf, 
 
 obs_sampling obs_policy_ot_sampler_clone(obs_sampling sampling, int only_first) {
     if (!is_sampler_list(sampling)) return sampling;
-    obs_policy_ot_sampler *copy = nullptr;
-    obs_policy_ot_sampler **link = &copy;
-    for (const obs_policy_ot_sampler *src = first_sampler(sampling); src;
-         src = only_first ? nullptr : src->next) {
-        obs_policy_ot_sampler *sampler = copy_sampler(src);
-        if (!sampler) continue;
-        *link = sampler;
-        link = &sampler->next;
-    }
-    return reinterpret_cast<obs_sampling>(copy);
+    return reinterpret_cast<obs_sampling>(
+        obs::list_copy(first_sampler(sampling), only_first, copy_sampler));
 }
 
 void obs_policy_ot_sampler_free(obs_sampling sampling) {
     if (!is_sampler_list(sampling)) return;
-    auto *sampler = reinterpret_cast<obs_policy_ot_sampler *>(sampling);
-    while (sampler) {
-        obs_policy_ot_sampler *next = sampler->next;
-        free(sampler->name);
-        free(sampler);
-        sampler = next;
-    }
+    obs::list_release(reinterpret_cast<obs_policy_ot_sampler *>(sampling),
+                      [](obs_policy_ot_sampler *sampler) {
+                          free(sampler->name);
+                          free(sampler);
+                      });
 }
 
 }  // extern "C"

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "observability/policy_ot.h"
+#include "policy/policy_record.h"
 #include "policy_ot/translated_record.h"
 
 namespace {
@@ -12,6 +13,15 @@ constexpr uint8_t kKeptFormatBits = 0x0f;
 bool holds_codec_text(const obs_policy *record) {
     return record->codec_val && record->codec_vlen &&
            (record->format & OBS_POLICY_FORMAT_CODEC_TEXT);
+}
+
+// A translated record's entry chain, or a plain codec block.
+void release_codec_value(obs_policy *record) {
+    if (obs::is_translated_record(record)) {
+        obs_policy_ot_free(static_cast<obs_policy_ot *>(record->codec_val));
+    } else {
+        free(record->codec_val);
+    }
 }
 
 }  // namespace
@@ -30,21 +40,7 @@ obs_policy *sdk_policy_ot_apply_translate(void *, const char *, obs_policy *reco
 }
 
 void sdk_policy_ot_free(obs_policy *list) {
-    while (list) {
-        obs_policy *next = list->next;
-        if (obs::is_translated_record(list)) {
-            obs_policy_ot_free(static_cast<obs_policy_ot *>(list->codec_val));
-        } else {
-            free(list->codec_val);
-        }
-        free(list->raw_val);
-        free(list->name);
-        free(list->path);
-        free(list->reqid);
-        free(list->traceid);
-        free(list);
-        list = next;
-    }
+    obs::policy_list_release(list, release_codec_value);
 }
 
 }  // extern "C"

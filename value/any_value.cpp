@@ -3,7 +3,8 @@
 #include <cstring>
 
 #include "observability/value.h"
-#include "value/list_append.h"
+#include "support/list.h"
+#include "support/owned_copy.h"
 
 namespace {
 
@@ -18,12 +19,6 @@ constexpr uint8_t with_borrow(uint8_t code, int borrow) {
     return borrow ? code | OBS_VALUE_REF : code;
 }
 
-void *copy_block(const void *src, size_t n) {
-    void *block = malloc(n);
-    if (block) memcpy(block, src, n);
-    return block;
-}
-
 /* Fills node as obs_any_value_set_generic documents; false when a payload copy could not be
  * allocated, so a caller building a new node can drop it instead of keeping a hollow one. */
 bool fill_node(obs_any_value *node, uint8_t type, const void *src, uint32_t size) {
@@ -33,8 +28,9 @@ bool fill_node(obs_any_value *node, uint8_t type, const void *src, uint32_t size
     node->next = nullptr;
     switch (type_code(type)) {
         case OBS_VALUE_STR:
-            node->val.ptr = borrowed ? const_cast<void *>(src)
-                                     : copy_block(src, strlen(static_cast<const char *>(src)) + 1);
+            node->val.ptr = borrowed
+                                ? const_cast<void *>(src)
+                                : obs::copy_block(src, strlen(static_cast<const char *>(src)) + 1);
             return node->val.ptr != nullptr;
         case OBS_VALUE_BOOL:
             node->val.b = *static_cast<const uint8_t *>(src);
@@ -51,7 +47,7 @@ bool fill_node(obs_any_value *node, uint8_t type, const void *src, uint32_t size
             if (borrowed) {
                 node->val.ptr = const_cast<void *>(src);
             } else if (size) {
-                node->val.ptr = copy_block(src, size);
+                node->val.ptr = obs::copy_block(src, size);
                 return node->val.ptr != nullptr;
             }
             return true;

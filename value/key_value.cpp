@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "observability/value.h"
-#include "value/list_append.h"
+#include "support/list.h"
 
 namespace {
 
