@@ -15,8 +15,10 @@ std::string encode(const obs_any_value *head) {
     return text;
 }
 
-std::string node(const std::string &name, const std::string &payload) {
-    return "{" + name + " " + std::to_string(payload.size()) + " " + payload + "}";
+// "{name length payload}" with the length off by length_error.
+std::string node(const std::string &name, const std::string &payload, int length_error = 0) {
+    return "{" + name + " " + std::to_string(int(payload.size()) + length_error) + " " + payload +
+           "}";
 }
 
 std::string pair(const std::string &key, const std::string &value_text) {
@@ -24,22 +26,12 @@ std::string pair(const std::string &key, const std::string &value_text) {
            std::to_string(value_text.size()) + " " + value_text + "}";
 }
 
-// A container text with its total length field off by delta.
-std::string with_total(const std::string &name, const std::string &payload, int delta) {
-    return "{" + name + " " + std::to_string(int(payload.size()) + delta) + " " + payload + "}";
-}
-
-std::string nested_arrays(int levels) {
+// levels containers around one node: arrays, or kvlists each holding a list (two levels a step).
+std::string nested(int levels, bool arrays = true) {
     std::string text = "{int 1 1}";
-    for (int i = 0; i < levels; ++i) text = node("array", "1 [" + text + "]");
-    return text;
-}
-
-// Each step adds a kvlist and a list around the text: two levels.
-std::string nested_pair_lists(int steps) {
-    std::string text = "{int 1 1}";
-    for (int i = 0; i < steps; ++i)
-        text = node("kvlist", "1 [" + pair("k", "[" + text + "]") + "]");
+    for (int i = 0; i < levels; i += arrays ? 1 : 2)
+        text = arrays ? node("array", "1 [" + text + "]")
+                      : node("kvlist", "1 [" + pair("k", "[" + text + ",{int 1 2}]") + "]");
     return text;
 }
 
@@ -62,10 +54,13 @@ class TextParserTest : public ::testing::Test {
         return last;
     }
     bool accepts(const std::string &text) { return decode(text) != nullptr; }
-    // A whole text is consumed when the value ends on its last character.
-    bool consumes(const std::string &text) {
+    // The whole text is read (the value ends on its last character) into what encodes as encoded.
+    void expect_read(const std::string &text, const std::string &encoded) {
+        SCOPED_TRACE(text.substr(0, 100));
         const char *last = decode(text);
-        return last && last == block_.get() + text.size() - 1;
+        ASSERT_NE(last, nullptr);
+        EXPECT_EQ(last, block_.get() + text.size() - 1);
+        EXPECT_EQ(encode(chain_), encoded);
     }
     static obs_any_value *untouched() { return reinterpret_cast<obs_any_value *>(0x1); }
 
@@ -73,101 +68,57 @@ class TextParserTest : public ::testing::Test {
     std::unique_ptr<char[]> block_;
 };
 
-TEST_F(TextParserTest, EncodedTextsRoundTrip) {
-    for (const char *text :
-         {"{int 1 5}", "{int 2 -1}", "{str 5 \"abc\"}", "{str 6 \"a\"}b\"}", "{str 2 \"\"}",
-          "{bool 4 true}", "{bool 5 false}", "{byte 6 00ff10}", "{double 8 0.000000}",
-          "{double 5 1e+25}", "{array 27 2 [{int 1 1},{bool 4 true}]}",
-          "[{int 1 7},{double 8 2.500000}]",
-          "{kvlist 59 2 [{str 6 \"name\" 13 {str 5 \"abc\"}},{str 3 \"n\" 9 {int 1 5}}]}",
-          "{kvlist 40 1 [{str 3 \"k\" 21 [{int 1 1},{int 1 2}]}]}"}) {
-        ASSERT_TRUE(consumes(text)) << text;
-        EXPECT_EQ(encode(chain_), text);
-    }
-    std::string nine = "9 [";
-    for (int i = 0; i < 9; ++i) nine += std::string(i ? "," : "") + "{int 1 " + char('1' + i) + "}";
-    const std::string array = node("array", nine + "]");
-    ASSERT_TRUE(consumes(array));
-    EXPECT_EQ(obs_any_value_get_vlen(chain_), 9u);
-    EXPECT_EQ(encode(chain_), array);
-}
-
-TEST_F(TextParserTest, ScalarsTakeTheirValues) {
-    ASSERT_TRUE(consumes("{str 5 xabcx}"));
-    EXPECT_STREQ(obs_any_value_get_str(chain_), "abc");
-    EXPECT_EQ(obs_any_value_get_vlen(chain_), 4u);
-    ASSERT_TRUE(consumes("{byte 4 0aFF}"));
-    EXPECT_EQ(obs_any_value_get_vlen(chain_), 2u);
-    EXPECT_EQ(memcmp(obs_any_value_get_byte(chain_), "\x0a\xff", 2), 0);
-    ASSERT_TRUE(consumes("{bool 6 truely}"));
-    EXPECT_EQ(obs_any_value_get_bool(chain_), 1u);
-    ASSERT_TRUE(consumes("{int 3 -42}"));
-    EXPECT_EQ(obs_any_value_get_int(chain_), -42);
-    ASSERT_TRUE(consumes("{int 20 99999999999999999999}"));
-    EXPECT_EQ(obs_any_value_get_int(chain_), INT64_MAX);
-    ASSERT_TRUE(consumes("{double 3 2.5}"));
-    EXPECT_EQ(obs_any_value_get_double(chain_), 2.5);
-    ASSERT_TRUE(consumes("{int +1xyz 5}")) << "length fields read like atoi";
-    ASSERT_TRUE(consumes("{}"));
-    EXPECT_EQ(obs_any_value_get_type(chain_), OBS_VALUE_NONE);
-}
-
-TEST_F(TextParserTest, RefusesLengthsBelowTheMinimumAndBadPayloads) {
-    for (const std::string &text : std::initializer_list<std::string>{
-             "{str 1 x}", "{str -1 x}", "{byte 0 }", "{byte 3 abc}", "{bool 3 tru}",
-             "{bool 4 yes!}", "{bool 4 fals}", "{int 0 }", "{double 0 }", "{array 0 }",
-             "{kvlist 0 }", "{array 3 0 []}", "{array 4 0 []}", "{kvlist 4 0 []}",
-             "{int 99999999999999 5}", "{na 2 ff}", node("kvlist", "1 [" + pair("", "{}") + "]"),
-             node("kvlist", "1 [{str 3 \"k\" 1 {}}]"),
-             node("kvlist", "1 [" + pair("k", "x5") + "]")}) {
-        EXPECT_FALSE(accepts(text)) << text;
-    }
-    EXPECT_FALSE(obs_any_value_decode(nullptr, 0, &chain_));
-    EXPECT_TRUE(consumes(node("kvlist", "1 [" + pair("k", "{}") + "]")));
-}
-
-TEST_F(TextParserTest, RefusesCountAndLengthMismatches) {
-    const std::string one = "{int 1 1}";
-    const std::string entry = pair("k", one);
-    for (const std::string &text : std::initializer_list<std::string>{
-             node("array", "2 [" + one + "," + one + "," + one + "]"),
-             node("array", "3 [" + one + "," + one + "]"),
-             node("kvlist", "2 [" + entry + "," + entry + "," + entry + "]"),
-             node("kvlist", "3 [" + entry + "," + entry + "]"),
-             with_total("array", "1 [" + one + "]", -1), with_total("array", "1 [" + one + "]", 1),
-             with_total("kvlist", "1 [" + entry + "]", -1),
-             with_total("kvlist", "1 [" + entry + "]", 1), std::string("{int 1 5]"),
-             "{array 13 1 [{int 1 1}]]", "{kvlist 27 1 [{str 3 \"k\" 9 {int 1 1}]]}",
-             "{kvlist 27 1 [{str 3 \"k\" 9 xint 1 1}}]}", "{array 13 1 [[int 1 1]]}"}) {
-        EXPECT_FALSE(accepts(text)) << text;
-    }
-    EXPECT_TRUE(consumes(with_total("array", "1 [" + one + "]", 0)));
-    EXPECT_TRUE(consumes(with_total("kvlist", "1 [" + entry + "]", 0)));
-}
-
-TEST_F(TextParserTest, ListsOnlySkipCommas) {
-    ASSERT_TRUE(consumes("[{int 1 1},,{int 1 2},]"));
-    EXPECT_EQ(encode(chain_), "[{int 1 1},{int 1 2}]");
-    EXPECT_TRUE(consumes("[]"));
-    EXPECT_EQ(chain_, nullptr);
-    for (const char *text : {" {int 1 5}", "{int  1 5}", "[{int 1 1} ]", "[{int 1 1}", "", "x"}) {
-        EXPECT_FALSE(accepts(text)) << text;
-    }
-}
-
-TEST_F(TextParserTest, ReturnsTheLastCharacterAndIgnoresWhatFollows) {
-    const char *last = decode("{int 1 5}}xyz");
+TEST_F(TextParserTest, TextsReadAsTheirCanonicalEncodingUpToTheirLastCharacter) {
+    std::string nine = "9 [{int 1 1}";
+    for (char digit = '2'; digit <= '9'; ++digit) nine += std::string(",{int 1 ") + digit + "}";
+    const std::string encoded =
+        "[{int 2 -1},{str 6 \"a\"}b\"},{str 2 \"\"},{bool 5 false},{double 5 1e+25},"
+        "{byte 6 00ff10},{kvlist 40 1 [{str 3 \"k\" 21 [{int 1 1},{int 1 2}]}]}," +
+        node("array", nine + "]") + "]";
+    expect_read(encoded, encoded);
+    expect_read(
+        "[{str 5 xabcx},{byte 4 0aFF},{bool 6 truely},{int 20 99999999999999999999},"
+        "{double 3 2.5},,{int +1xyz 5},{},{kvlist 20 1 [{str 3 \"k\" 2 {}}]},]",
+        "[{str 5 \"abc\"},{byte 4 0aff},{bool 4 true},{int 19 9223372036854775807},"
+        "{double 8 2.500000},{int 1 5},{na 2 ff},"
+        "{kvlist 27 1 [{str 3 \"k\" 9 {na 2 ff}}]}]");
+    expect_read("[]", "<null>");
+    const char *last = decode("{int 1 5}}xyz");  // what follows the value is not looked at
     EXPECT_EQ(last, block_.get() + 8);
-    last = decode("[{int 1 5}]]");
-    EXPECT_EQ(last, block_.get() + 10);
+    expect_read("{str 5 \"abc\"}", "{str 5 \"abc\"}");
+    EXPECT_EQ(obs_any_value_get_vlen(chain_), 4u);
+}
+
+TEST_F(TextParserTest, RefusesMalformedTexts) {
+    const std::string one = "{int 1 1}", entry = pair("k", one);
+    const std::string refused[] = {
+        // lengths below the minimum, bad payloads
+        "{str 1 x}", "{str -1 x}", "{byte 0 }", "{byte 3 abc}", "{bool 3 tru}", "{bool 4 yes!}",
+        "{bool 4 fals}", "{int 0 }", "{double 0 }", "{array 0 }", "{kvlist 0 }", "{array 3 0 []}",
+        "{array 4 0 []}", "{kvlist 4 0 []}", "{int 99999999999999 5}", "{na 2 ff}",
+        node("kvlist", "1 [" + pair("", "{}") + "]"), node("kvlist", "1 [{str 3 \"k\" 1 {}}]"),
+        node("kvlist", "1 [" + pair("k", "x5") + "]"),
+        // counts and lengths that do not match
+        node("array", "2 [" + one + "," + one + "," + one + "]"),
+        node("array", "3 [" + one + "," + one + "]"),
+        node("kvlist", "2 [" + entry + "," + entry + "," + entry + "]"),
+        node("kvlist", "3 [" + entry + "," + entry + "]"), node("array", "1 [" + one + "]", -1),
+        node("array", "1 [" + one + "]", 1), node("kvlist", "1 [" + entry + "]", -1),
+        node("kvlist", "1 [" + entry + "]", 1),
+        // closing characters misplaced or missing, blanks, nothing
+        "{int 1 5]", "{array 13 1 [{int 1 1}]]", "{kvlist 27 1 [{str 3 \"k\" 9 {int 1 1}]]}",
+        "{kvlist 27 1 [{str 3 \"k\" 9 xint 1 1}}]}", "{array 13 1 [[int 1 1]]}", " {int 1 5}",
+        "{int  1 5}", "[{int 1 1} ]", "[{int 1 1}", "", "x"};
+    for (const std::string &text : refused) EXPECT_FALSE(accepts(text)) << text;
+    EXPECT_EQ(obs_any_value_decode(nullptr, 0, &chain_), nullptr);
 }
 
 TEST_F(TextParserTest, EveryTruncationIsRefused) {
     const std::string text =
         node("kvlist", "3 [" + pair("s", "{str 5 \"a}c\"}") + "," +
                            pair("list", "[{byte 4 0aff},{double 8 2.500000}]") + "," +
-                           pair("a", nested_arrays(2)) + "]");
-    ASSERT_TRUE(consumes(text));
+                           pair("a", nested(2)) + "]");
+    expect_read(text, text);
     for (size_t n = 0; n < text.size(); ++n) EXPECT_FALSE(accepts(text.substr(0, n))) << n;
     // Headers that claim little leave the inner fields to find the end of the text themselves.
     const std::string entries = text.substr(text.find('[') + 1);
@@ -177,37 +128,30 @@ TEST_F(TextParserTest, EveryTruncationIsRefused) {
     }
 }
 
-TEST_F(TextParserTest, NumericFieldsAreBoundedBy127Characters) {
-    const std::string digits126(126, '0');
-    EXPECT_TRUE(consumes(node("int", digits126 + "7")));
-    EXPECT_EQ(obs_any_value_get_int(chain_), 7);
-    EXPECT_FALSE(accepts(node("int", digits126 + "07")));
-    EXPECT_TRUE(consumes(node("double", digits126 + "5")));
-    EXPECT_FALSE(accepts(node("double", digits126 + "05")));
-    EXPECT_TRUE(consumes("{int " + digits126 + "1 5}"));
-    EXPECT_FALSE(accepts("{int " + digits126 + "01 5}"));
-}
-
-TEST_F(TextParserTest, NestingIsBoundedAt64Containers) {
-    EXPECT_TRUE(consumes(nested_arrays(64)));
-    EXPECT_EQ(encode(chain_), nested_arrays(64));
-    EXPECT_FALSE(accepts(nested_arrays(65)));
-    EXPECT_TRUE(consumes(nested_pair_lists(32)));
-    EXPECT_FALSE(accepts(node("array", "1 [" + nested_pair_lists(32) + "]")));
-    EXPECT_FALSE(accepts("[" + nested_pair_lists(32) + "]"));
+TEST_F(TextParserTest, FieldsAreBoundedBy127CharactersAndNestingBy64Containers) {
+    const std::string zeros(126, '0');
+    expect_read(node("int", zeros + "7"), "{int 1 7}");
+    expect_read(node("double", zeros + "5"), "{double 8 5.000000}");
+    expect_read("{int " + zeros + "1 5}", "{int 1 5}");
+    expect_read(nested(64), nested(64));
+    expect_read(nested(64, false), nested(64, false));
+    const std::string refused[] = {node("int", zeros + "07"),
+                                   node("double", zeros + "05"),
+                                   "{int " + zeros + "01 5}",
+                                   nested(65),
+                                   node("array", "1 [" + nested(64, false) + "]"),
+                                   "[" + nested(64, false) + "]"};
+    for (const std::string &text : refused) EXPECT_FALSE(accepts(text)) << text.size();
 }
 
 TEST_F(TextParserTest, StepsParseTheirOwnNodes) {
-    obs_any_value array = {};
+    obs_any_value array = {}, kvlist = {};
     const char *text = "{array 13 1 [{int 1 4}]}";
     EXPECT_EQ(obs_any_value_parser_array(text, 0, &array), text + 23);
-    EXPECT_EQ(obs_any_value_get_int(obs_any_value_get_array(&array)), 4);
-    obs_any_value_free_generic(&array, 1);
-    obs_any_value kvlist = {};
-    EXPECT_EQ(obs_any_value_parser_array("{kvlist 0 }", 0, &kvlist), nullptr);
     text = "{kvlist 27 1 [{str 3 \"k\" 9 {int 1 1}}]}";
     EXPECT_EQ(obs_any_value_parser_kvlist(text, 0, &kvlist), text + 38);
-    EXPECT_STREQ(obs_key_value_get_key(obs_any_value_get_kvlist(&kvlist)), "k");
+    EXPECT_EQ(encode(&array) + encode(&kvlist), "{array 13 1 [{int 1 4}]}" + std::string(text));
+    obs_any_value_free_generic(&array, 1);
     obs_any_value_free_generic(&kvlist, 1);
     obs_any_value_add_int(&chain_, 1);
     EXPECT_NE(obs_any_value_parser_list("[{int 1 2}]", 0, &chain_), nullptr);
