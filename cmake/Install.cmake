@@ -1,9 +1,9 @@
 include(CMakePackageConfigHelpers)
 
-install(TARGETS observability-api EXPORT ObservabilityApiTargets
+install(TARGETS observability-api obs-ipc-mem EXPORT ObservabilityApiTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES include/observability_api.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/observability_api.h include/observability_ipc_mem.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY include/observability DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 install(EXPORT ObservabilityApiTargets NAMESPACE ObservabilityApi::

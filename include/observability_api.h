@@ -10,5 +10,6 @@
 #include "observability/ipc.h"
 #include "observability/policy.h"
 #include "observability/policy_ot.h"
+#include "observability/policy_channel.h"
 
 #endif
