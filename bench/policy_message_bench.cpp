@@ -12,44 +12,10 @@
 #include <cstring>
 #include <string>
 
+#include "log_output.h"
 #include "observability_api.h"
 
 namespace {
-
-int drop_line(int, const char *) {
-    return 0;
-}
-
-// The debug log output for one benchmark run, restored when the run ends.
-class log_output {
-  public:
-    explicit log_output(bool logged) {
-        if (!logged) {
-            obs_log_callback_set(drop_line);
-            return;
-        }
-        char pattern[] = "/tmp/policy_message_bench.XXXXXX";
-        if (mkdtemp(pattern)) {
-            directory_ = pattern;
-            path_ = directory_ + "/obs_policy.log";
-            obs_log_file_set(path_.c_str());
-        }
-    }
-    ~log_output() {
-        obs_log_callback_set(nullptr);
-        obs_log_file_set(nullptr);
-        if (directory_.empty()) return;
-        remove(path_.c_str());
-        remove((path_ + ".1").c_str());
-        remove(directory_.c_str());
-    }
-    log_output(const log_output &) = delete;
-    log_output &operator=(const log_output &) = delete;
-
-  private:
-    std::string directory_;
-    std::string path_;
-};
 
 // The "ot" policy the message carries: scope "default" all on at log level 3, and every scope
 // under sampler "s1" (traces on, metrics off, logs on).
@@ -134,7 +100,7 @@ int receive(const std::string &message) {
 void BM_encode(benchmark::State &state) {
     policy_update update;
     if (!update.has_policy()) return state.SkipWithError("no ot policy text");
-    log_output output(state.range(0) != 0);
+    obs_bench::log_output output(state.range(0) != 0);
     for (auto _ : state) {
         char *text = nullptr;
         uint32_t len = 0;
@@ -148,7 +114,7 @@ void BM_encode(benchmark::State &state) {
 void BM_decode_translate(benchmark::State &state) {
     policy_update update;
     const std::string message = encoded(update.record());
-    log_output output(state.range(0) != 0);
+    obs_bench::log_output output(state.range(0) != 0);
     if (message.empty() || receive(message) != 2)
         return state.SkipWithError("the message does not carry the two policy entries");
     for (auto _ : state) benchmark::DoNotOptimize(receive(message));

@@ -11,5 +11,8 @@ void log_line(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // A line that begins with the reporting operation's name and source line.
 #define OBS_LOG(format, ...) obs::log_line("%s:%d " format, __func__, __LINE__, ##__VA_ARGS__)
+// The same, for a helper that logs on behalf of the exported operation named by operation.
+#define OBS_LOG_AS(operation, format, ...) \
+    obs::log_line("%s:%d " format, operation, __LINE__, ##__VA_ARGS__)
 
 #endif

@@ -40,7 +40,7 @@ TEST_F(KeySchemeTest, ValidNameRejectsNullEmptyAndBracesWithOneLineEach) {
     for (const char *name : {"*", "default", "obs-monitor"}) EXPECT_EQ(1, obs_valid_name(name));
     EXPECT_TRUE(lines().empty());
     for (const char *name : {static_cast<const char *>(nullptr), "", "{", "}", "svc{1", "svc}"}) {
-        obs_test::captured_lines().clear();
+        obs_test::clear_captured_lines();
         EXPECT_EQ(0, obs_valid_name(name));
         EXPECT_EQ(std::vector<std::string>{"invalid name, '{', '}' not allowed"}, lines());
     }

@@ -88,7 +88,7 @@ class MessageCodecTest : public obs_test::LogCaptureTest {
     // Decodes from a heap block of exactly the bytes given, so ASan catches any read past them.
     obs_policy *decode_bytes(const std::string &bytes) {
         release();
-        obs_test::captured_lines().clear();
+        obs_test::clear_captured_lines();
         std::vector<char> block(bytes.begin(), bytes.end());
         obs_policy_internal_decode(block.data(), static_cast<uint32_t>(block.size()), &decoded_);
         return decoded_ == kUntouched ? nullptr : decoded_;

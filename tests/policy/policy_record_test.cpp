@@ -32,7 +32,7 @@ obs_policy *full_record(const char *name, obs_policy *next = nullptr) {
 
 TEST_F(PolicyProviderTest, InvalidNamesGiveNoProviderAndNoContext) {
     for (const char *name : {static_cast<const char *>(nullptr), "", "a{b", "a}"}) {
-        obs_test::captured_lines().clear();
+        obs_test::clear_captured_lines();
         EXPECT_EQ(nullptr, obs_create_default_sdk_policy_provider(name));
         EXPECT_EQ(nullptr, obs_policy_init(nullptr, name));
         EXPECT_EQ(std::vector<std::string>(2, "invalid name, '{', '}' not allowed"), lines());

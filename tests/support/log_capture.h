@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -11,25 +13,56 @@
 
 namespace obs_test {
 
-inline std::vector<std::string> &captured_lines() {
-    static std::vector<std::string> lines;
-    return lines;
+// Lines may come from the IPC delivery thread while a test reads them.
+struct line_capture {
+    std::mutex lock;
+    std::vector<std::string> lines;
+};
+
+inline line_capture &capture() {
+    static line_capture instance;
+    return instance;
+}
+
+inline std::vector<std::string> captured_lines() {
+    std::lock_guard<std::mutex> hold(capture().lock);
+    return capture().lines;
+}
+
+inline void clear_captured_lines() {
+    std::lock_guard<std::mutex> hold(capture().lock);
+    capture().lines.clear();
 }
 
 inline int capture_line(int, const char *line) {
-    captured_lines().emplace_back(line);
+    std::lock_guard<std::mutex> hold(capture().lock);
+    capture().lines.emplace_back(line);
     return 0;
 }
 
-// Fixture whose tests see the lines logged since SetUp in captured_lines().
+// Fixture whose tests see the lines logged since SetUp in lines().
 class LogCaptureTest : public testing::Test {
   protected:
     void SetUp() override {
-        captured_lines().clear();
+        clear_captured_lines();
         obs_log_callback_set(capture_line);
     }
     void TearDown() override { obs_log_callback_set(nullptr); }
-    static const std::vector<std::string> &lines() { return captured_lines(); }
+    static std::vector<std::string> lines() { return captured_lines(); }
+    // The lines with the source line number of an "operation:line " prefix written as "N", so
+    // a test can state them whole without depending on where the code stands; only the lines of
+    // operation when one is named.
+    static std::vector<std::string> unnumbered_lines(const std::string &operation = "") {
+        static const std::regex location("^([A-Za-z_][A-Za-z0-9_]*):[0-9]+ ");
+        std::vector<std::string> unnumbered;
+        for (const std::string &line : captured_lines()) {
+            if (!operation.empty() && line.compare(0, operation.size() + 1, operation + ":") != 0)
+                continue;
+            unnumbered.push_back(std::regex_replace(line, location, "$1:N ",
+                                                    std::regex_constants::format_first_only));
+        }
+        return unnumbered;
+    }
 };
 
 }  // namespace obs_test

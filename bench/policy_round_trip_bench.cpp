@@ -1,0 +1,113 @@
+// One policy on its whole road inside one process: an agent context publishes it, the in-process
+// IPC provider's delivery thread hands it to the service context, which decodes and translates it
+// and calls the service's handler. Each iteration is timed until the handler has the policy;
+// p50_us and p99_us are the median and 99th percentile of those round trips, items/s policies.
+//
+// The argument "logged" picks the debug log as in policy_message_bench (0 drops every line).
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "log_output.h"
+#include "observability_api.h"
+#include "observability_ipc_mem.h"
+
+namespace {
+
+// Counts the policies the service's handler has been given.
+struct arrivals {
+    std::mutex lock;
+    std::condition_variable changed;
+    uint64_t count = 0;
+
+    void wait_beyond(uint64_t seen) {
+        std::unique_lock<std::mutex> hold(lock);
+        changed.wait(hold, [&] { return count > seen; });
+    }
+};
+
+arrivals arrived;
+
+void count_policy(obs_policy_ctx *, const char *, obs_policy *, void *) {
+    {
+        std::lock_guard<std::mutex> hold(arrived.lock);
+        ++arrived.count;
+    }
+    arrived.changed.notify_one();
+}
+
+std::string sampling_policy_text() {
+    obs_policy_ot entry = {};
+    entry.scope_name = const_cast<char *>("default");
+    entry.sampler = OBS_SAMPLING_ON;
+    entry.log_level = 3;
+    char *text = nullptr;
+    uint32_t len = 0;
+    sdk_policy_ot_internal_encode(&entry, &text, &len, 0);
+    std::string copy = text ? text : "";
+    free(text);
+    return copy;
+}
+
+double percentile(std::vector<double> samples, double fraction) {
+    if (samples.empty()) return 0;
+    size_t at = static_cast<size_t>(fraction * static_cast<double>(samples.size() - 1));
+    std::nth_element(samples.begin(), samples.begin() + static_cast<long>(at), samples.end());
+    return samples[at];
+}
+
+void policy_round_trip(benchmark::State &state) {
+    obs_bench::log_output output(state.range(0) != 0);
+    obs_ipc_provider *mem = obs_ipc_mem_provider();
+    obs_policy_ctx *service = obs_policy_ctx_init(nullptr, "bench-svc", count_policy, mem,
+                                                  obs_get_ot_sdk_policy_provider());
+    obs_policy_ctx *agent =
+        obs_policy_ctx_init(nullptr, "bench-agent", nullptr, mem, obs_get_ot_sdk_policy_provider());
+    obs_ipc_mem_flush();
+    obs_policy_service *directory = agent ? obs_policy_load_service(agent) : nullptr;
+    if (!service || !agent || !directory) {
+        state.SkipWithError("the service, the agent or the directory could not be set up");
+    } else {
+        std::string text = sampling_policy_text();
+        obs_policy record = {};
+        record.type = 1;
+        record.op = 1;
+        record.format = OBS_POLICY_FORMAT_CODEC_TEXT;
+        record.name = const_cast<char *>("obs");
+        record.reqid = const_cast<char *>("bench-request");
+        record.codec_val = const_cast<char *>(text.c_str());
+        record.codec_vlen = static_cast<uint32_t>(text.size() + 1);
+        const char *target = OBS_IPC_KEY_ROOT "service{bench-svc}/scope{*}/obs";
+        std::vector<double> round_trips;
+        for (auto _ : state) {
+            uint64_t seen;
+            {
+                std::lock_guard<std::mutex> hold(arrived.lock);
+                seen = arrived.count;
+            }
+            auto start = std::chrono::steady_clock::now();
+            obs_policy_dispatch(agent, &record, target, directory);
+            arrived.wait_beyond(seen);
+            std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+            state.SetIterationTime(took.count());
+            round_trips.push_back(took.count() * 1e6);
+        }
+        state.SetItemsProcessed(state.iterations());
+        state.counters["p50_us"] = percentile(round_trips, 0.50);
+        state.counters["p99_us"] = percentile(round_trips, 0.99);
+    }
+    obs_ipc_mem_flush();
+    obs_policy_free_service(directory);
+    obs_policy_ctx_free(agent);
+    obs_policy_ctx_free(service);
+}
+
+}  // namespace
+
+BENCHMARK(policy_round_trip)->ArgName("logged")->Arg(0)->Arg(1)->UseManualTime();
