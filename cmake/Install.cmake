@@ -17,6 +17,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ObservabilityApiConfig.cmake
     ${CMAKE_CURRENT_BINARY_DIR}/ObservabilityApiConfigVersion.cmake
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ObservabilityApi)
 
-configure_file(cmake/observability-api.pc.in ${CMAKE_CURRENT_BINARY_DIR}/observability-api.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/observability-api.pc
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(package observability-api obs-ipc-mem)
+    configure_file(cmake/${package}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${package}.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${package}.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

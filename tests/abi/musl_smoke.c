@@ -1,6 +1,8 @@
 /* First check of a musl build on the device's C library: the library loads under musl's loader,
  * and what leans on the C library works there: number formatting and parsing in the value
- * codec, allocation in the dynamic string, time stamps, thread ids and files in the debug log.
+ * codec, allocation in the dynamic string, time stamps, thread ids and files in the debug log,
+ * and the in-process IPC provider's delivery thread carrying a policy from an agent context to a
+ * service context.
  * Exits non-zero on the first mismatch. */
 #define _POSIX_C_SOURCE 200809L
 
@@ -12,6 +14,7 @@
 #include <unistd.h>
 
 #include <observability_api.h>
+#include <observability_ipc_mem.h>
 
 static const unsigned char build_id[] = {0x00, 0xc0, 0xff, 0xee};
 static const char log_message[] = "musl smoke: one line";
@@ -123,6 +126,60 @@ static int check_debug_log_line(void) {
     return fail("debug log line is not \"<time> [<tid>] <message>\"");
 }
 
+static int delivered_log_level = -1;
+
+static void keep_log_level(obs_policy_ctx *ctx, const char *service, obs_policy *list, void *user) {
+    (void)ctx;
+    (void)service;
+    (void)user;
+    if (list && (list->format & OBS_POLICY_FORMAT_CODEC_BYTES) && list->codec_val)
+        delivered_log_level = ((const obs_policy_ot *)list->codec_val)->log_level;
+}
+
+static int drop_line(int slot, const char *line) {
+    (void)slot;
+    (void)line;
+    return 0;
+}
+
+/* Publishes a policy with log level 4 from an agent context and waits for the service's handler. */
+static int publish_and_deliver(obs_policy_ctx *agent) {
+    obs_policy_ot entry = {0};
+    entry.scope_name = (char *)"default";
+    entry.sampler = OBS_SAMPLING_ON;
+    entry.log_level = 4;
+    char *text = NULL;
+    uint32_t len = 0;
+    sdk_policy_ot_internal_encode(&entry, &text, &len, 0);
+    obs_policy rec = {0};
+    rec.op = 1;
+    rec.name = (char *)"obs";
+    rec.format = OBS_POLICY_FORMAT_CODEC_TEXT;
+    rec.codec_val = text;
+    rec.codec_vlen = text ? len : 0;
+    obs_policy_service *services = obs_policy_load_service(agent);
+    obs_policy_dispatch(agent, &rec, NULL, services);
+    obs_ipc_mem_flush();
+    obs_policy_free_service(services);
+    free(text);
+    return delivered_log_level == 4;
+}
+
+static int check_policy_round_trip(void) {
+    obs_log_callback_set(drop_line);
+    obs_ipc_provider *ipc = obs_ipc_mem_provider();
+    obs_policy_ctx *service =
+        obs_policy_ctx_init(NULL, "smoke", keep_log_level, ipc, obs_get_ot_sdk_policy_provider());
+    obs_policy_ctx *agent =
+        obs_policy_ctx_init(NULL, "agent", NULL, ipc, obs_get_ot_sdk_policy_provider());
+    int delivered = service && agent && publish_and_deliver(agent);
+    obs_policy_ctx_free(agent);
+    obs_policy_ctx_free(service);
+    obs_log_callback_set(NULL);
+    return delivered ? 0 : fail("a published policy did not reach the service's handler");
+}
+
 int main(void) {
-    return check_value_round_trip() | check_sds_growth() | check_debug_log_line();
+    return check_value_round_trip() | check_sds_growth() | check_debug_log_line() |
+           check_policy_round_trip();
 }
