@@ -4,6 +4,8 @@
 // p50_us and p99_us are the median and 99th percentile of those round trips, items/s policies.
 //
 // The argument "logged" picks the debug log as in policy_message_bench (0 drops every line).
+// Beside it, thread_handoff is the floor of any design with a delivery thread: one pointer handed
+// to a waiting thread and the answer waited for, with a mutex and condition variables only.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -12,6 +14,7 @@
 #include <cstdlib>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "log_output.h"
@@ -108,6 +111,58 @@ void policy_round_trip(benchmark::State &state) {
     obs_policy_ctx_free(service);
 }
 
+// A thread that takes one job at a time and reports it done.
+class handoff_thread {
+  public:
+    handoff_thread() : worker_([this] { serve(); }) {}
+    ~handoff_thread() {
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            stopping_ = true;
+        }
+        changed_.notify_all();
+        worker_.join();
+    }
+    void hand_over_and_wait() {
+        std::unique_lock<std::mutex> hold(lock_);
+        ++handed_;
+        changed_.notify_all();
+        changed_.wait(hold, [&] { return done_ == handed_; });
+    }
+
+  private:
+    void serve() {
+        std::unique_lock<std::mutex> hold(lock_);
+        for (;;) {
+            changed_.wait(hold, [&] { return stopping_ || done_ != handed_; });
+            if (stopping_) return;
+            done_ = handed_;
+            changed_.notify_all();
+        }
+    }
+    std::mutex lock_;
+    std::condition_variable changed_;
+    uint64_t handed_ = 0, done_ = 0;
+    bool stopping_ = false;
+    std::thread worker_;
+};
+
+void thread_handoff(benchmark::State &state) {
+    handoff_thread other;
+    std::vector<double> round_trips;
+    for (auto _ : state) {
+        auto start = std::chrono::steady_clock::now();
+        other.hand_over_and_wait();
+        std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        state.SetIterationTime(took.count());
+        round_trips.push_back(took.count() * 1e6);
+    }
+    state.SetItemsProcessed(state.iterations());
+    state.counters["p50_us"] = percentile(round_trips, 0.50);
+    state.counters["p99_us"] = percentile(round_trips, 0.99);
+}
+
 }  // namespace
 
 BENCHMARK(policy_round_trip)->ArgName("logged")->Arg(0)->Arg(1)->UseManualTime();
+BENCHMARK(thread_handoff)->UseManualTime();
