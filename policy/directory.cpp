@@ -27,10 +27,6 @@ struct listed_members {
     ~listed_members() { free(names); }
 };
 
-const char *text_or_na(const char *text) {
-    return text ? text : "NA";
-}
-
 // The members of one service's index as a new array of the present texts, each logged with
 // line_format. A failed listing leaves the array empty; so does a failed allocation, which releases
 // the texts.
@@ -166,8 +162,8 @@ int obs_policy_send_report(obs_policy_ctx *ctx, obs_policy *rec) {
     obs_policy_internal_encode(rec, &text, &len);
     if (!text) return -1;
     int ret = deliver_report(ctx, key.text, text, len);
-    OBS_LOG("path=%s vlen=%d seq=%" PRIu64 ", ret=%d", text_or_na(rec->path), static_cast<int>(len),
-            rec->seq_id, ret);
+    OBS_LOG("path=%s vlen=%d seq=%" PRIu64 ", ret=%d", obs::text_or_na(rec->path),
+            static_cast<int>(len), rec->seq_id, ret);
     free(text);
     return ret;
 }
@@ -188,7 +184,7 @@ void sdk_policy_service_report_handler(void *context, int op, const char *path, 
                                        const void *data, int len) {
     auto *ctx = static_cast<obs_policy_ctx *>(context);
     if (!ctx || op == 2 || !ctx->provider) return;
-    OBS_LOG("path=%s len=%d", text_or_na(path), len);
+    OBS_LOG("path=%s len=%d", obs::text_or_na(path), len);
     char service[256] = {};
     if (obs_path_to_channel_field_str(path, service, nullptr, sizeof service) != 0) return;
     obs_policy *report = decode_report(data, len);

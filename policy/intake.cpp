@@ -20,10 +20,6 @@ constexpr char no_policy[] = "there is no policy";
 constexpr char debug_mark[] = "debug";
 constexpr size_t debug_mark_length = sizeof debug_mark - 1;
 
-const char *text_or_na(const char *text) {
-    return text ? text : "NA";
-}
-
 bool can_load_default_policy(const obs_policy_ctx *ctx) {
     return ctx && ctx->ipc && ctx->ipc->get && ctx->provider && ctx->provider->name &&
            ctx->service_name;
@@ -155,13 +151,13 @@ extern "C" {
 obs_policy *sdk_policy_decode(obs_policy_ctx *ctx, int op, const char *path,
                               const char *service_name, const void *data, int len) {
     if (!ctx || !data || len <= 0 || !ctx->handler || !ctx->provider) return nullptr;
-    OBS_LOG("path=%s op=%d len=%d", text_or_na(path), op, len);
+    OBS_LOG("path=%s op=%d len=%d", obs::text_or_na(path), op, len);
     obs_policy *decoded = nullptr;
     obs_policy_internal_decode(data, static_cast<uint32_t>(len), &decoded);
     if (!decoded && op == delete_op) decoded = deletion_record(ctx, path);
     if (!decoded) return nullptr;
-    OBS_LOG("reqid=%s path=%s op=%d codec len=%d raw len=%d", text_or_na(decoded->reqid),
-            text_or_na(decoded->path), decoded->op, static_cast<int>(decoded->codec_vlen),
+    OBS_LOG("reqid=%s path=%s op=%d codec len=%d raw len=%d", obs::text_or_na(decoded->reqid),
+            obs::text_or_na(decoded->path), decoded->op, static_cast<int>(decoded->codec_vlen),
             static_cast<int>(decoded->raw_vlen));
     obs_policy_translator_fn translator = ctx->provider->policy_translator;
     if (!translator) return decoded;
@@ -176,7 +172,7 @@ void sdk_policy_subscribe_handler(void *context, int op, const char *path, const
     auto *ctx = static_cast<obs_policy_ctx *>(context);
     char service[256] = {};
     if (obs_path_to_channel_field_str(path, service, nullptr, sizeof service) != 0) {
-        OBS_LOG("policy path is not valid, %s", text_or_na(path));
+        OBS_LOG("policy path is not valid, %s", obs::text_or_na(path));
         return;
     }
     obs_policy *list = sdk_policy_decode(ctx, op, path, service, data, len);

@@ -175,10 +175,6 @@ void fill_record(obs_policy *record, obs_key_value *pairs) {
                        &record->raw_val, &record->raw_vlen);
 }
 
-const char *or_na(const char *text) {
-    return text ? text : "NA";
-}
-
 // The parsed message when text holds one (a single kvlist node), else null.
 obs_any_value *parse_message(const obs::bounded_text &text) {
     if (!text.chars()) return nullptr;
@@ -223,8 +219,9 @@ void obs_policy_internal_decode(const void *data, uint32_t len, obs_policy **out
     if (!message) return;
     obs_policy *record = record_from(message);
     if (record) {
-        OBS_LOG("reqid=%s path=%s policy=%s codec len=%d raw len=%d", or_na(record->reqid),
-                or_na(record->path), or_na(record->name), static_cast<int>(record->codec_vlen),
+        OBS_LOG("reqid=%s path=%s policy=%s codec len=%d raw len=%d",
+                obs::text_or_na(record->reqid), obs::text_or_na(record->path),
+                obs::text_or_na(record->name), static_cast<int>(record->codec_vlen),
                 static_cast<int>(record->raw_vlen));
     }
     *out = record;

@@ -15,10 +15,6 @@ namespace {
 
 constexpr char default_scope[] = "default";
 
-const char *text_or_na(const char *text) {
-    return text ? text : "NA";
-}
-
 bool has_name_and_version(const obs_sdk_policy_provider *provider) {
     return provider && provider->name && provider->name[0] && provider->version &&
            provider->version[0];
@@ -107,9 +103,9 @@ obs_policy_ctx *obs_policy_ctx_init(void *user_ctx, const char *service_name,
         return nullptr;
     }
     attach(ctx, user_ctx, service_name, handler, ipc, provider);
-    OBS_LOG("provider ipc=%s/%s(evloop=%p) policy=%s/%s handler=%p init=%p", text_or_na(ipc->name),
-            text_or_na(ipc->version), ipc->evloop, provider->name, provider->version,
-            reinterpret_cast<void *>(handler), ctx->ipc_ctx);
+    OBS_LOG("provider ipc=%s/%s(evloop=%p) policy=%s/%s handler=%p init=%p",
+            obs::text_or_na(ipc->name), obs::text_or_na(ipc->version), ipc->evloop, provider->name,
+            provider->version, reinterpret_cast<void *>(handler), ctx->ipc_ctx);
     if (handler && ipc->subscribe && ipc->set) {
         int ret = register_sdk(ctx, service_name);
         int ret2 = subscribe_policies(ctx, service_name);
@@ -168,7 +164,7 @@ void sdk_policy_service_online_handler(void *context, int, const char *path, con
                                        const void *data, int len) {
     auto *ctx = static_cast<obs_policy_ctx *>(context);
     if (!ctx || !data || len <= 0 || !ctx->provider) return;
-    OBS_LOG("path=%s len=%d", text_or_na(path), len);
+    OBS_LOG("path=%s len=%d", obs::text_or_na(path), len);
     char service[256] = {};
     if (obs_path_to_channel_field_str(path, service, nullptr, sizeof service) != 0) return;
     if (obs_policy_service_online_fn online = ctx->provider->service_online_handler)

@@ -25,10 +25,6 @@ struct path_names {
     }
 };
 
-const char *text_or_na(const char *text) {
-    return text ? text : "NA";
-}
-
 bool is_empty(const char *text) {
     return text[0] == '\0';
 }
@@ -151,9 +147,9 @@ int obs_policy_dispatch(obs_policy_ctx *ctx, obs_policy *list, const char *targe
     for (obs_policy *rec = list; rec; rec = rec->next) {
         if (!provider_takes(provider, rec)) continue;
         obs_policy_dispatch_translator_fn translator = provider->dispatch_translator;
-        OBS_LOG("sdk(%s) translator=%p, path=%s name=%s len=%d", text_or_na(provider->name),
-                reinterpret_cast<void *>(translator), text_or_na(rec->path), text_or_na(rec->name),
-                static_cast<int>(rec->raw_vlen));
+        OBS_LOG("sdk(%s) translator=%p, path=%s name=%s len=%d", obs::text_or_na(provider->name),
+                reinterpret_cast<void *>(translator), obs::text_or_na(rec->path),
+                obs::text_or_na(rec->name), static_cast<int>(rec->raw_vlen));
         if (translator) {
             publish_translated(ctx, rec, target, services, translator);
         } else {
@@ -175,8 +171,8 @@ int obs_policy_publish(obs_policy_ctx *ctx, obs_policy *rec, const char *target,
     if (target) to.split(target);
     const char *sdk = choose_sdk(provider, rec, &from_record);
     widen_target(&to);
-    OBS_LOG("policy=%s sdk=%s target=%s", text_or_na(rec->name), provider->name,
-            target ? target : text_or_na(rec->path));
+    OBS_LOG("policy=%s sdk=%s target=%s", obs::text_or_na(rec->name), provider->name,
+            target ? target : obs::text_or_na(rec->path));
     if (!is_empty(to.sdk) && strcmp(to.sdk, sdk) != 0) return -3;
     for (const obs_policy_service *service = services; service; service = service->next) {
         if (!service->name || !lists(service->sdks, service->sdk_count, sdk)) continue;

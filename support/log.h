@@ -7,6 +7,11 @@ namespace obs {
 
 void log_line(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
+// What a log line shows for a missing text.
+inline const char *text_or_na(const char *text) {
+    return text ? text : "NA";
+}
+
 }  // namespace obs
 
 // A line that begins with the reporting operation's name and source line.
