@@ -185,4 +185,13 @@ TEST_F(PolicyContextTest, MissingSlotsHooksAndHandlesAreSkipped) {
     ctx_->ipc_ctx = ipc_ctx;
 }
 
+TEST_F(PolicyContextTest, ReleasesAContextOverAnIpcWithoutFree) {
+    obs_test::ScriptedIpc ipc;
+    ipc.table()->free = nullptr;
+    obs_policy_ctx *ctx =
+        obs_policy_ctx_init(nullptr, "svc", nullptr, ipc.table(), obs_get_ot_sdk_policy_provider());
+    ASSERT_NE(nullptr, ctx);
+    obs_policy_ctx_free(ctx);
+}
+
 }  // namespace
