@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "observability/policy_channel.h"
+#include "policy/ipc_calls.h"
 #include "policy/key_path.h"
 #include "support/list.h"
 #include "support/log.h"
@@ -83,13 +84,6 @@ void print_names(FILE *stream, const char *format, char *const *names, uint32_t 
     }
 }
 
-// Sends when the provider can deliver without storing, else stores with no index.
-int deliver_report(obs_policy_ctx *ctx, const char *key, const char *text, uint32_t len) {
-    const obs_ipc_provider *ipc = ctx->ipc;
-    if (ipc->send) return ipc->send(ctx->ipc_ctx, key, text, len);
-    return ipc->set(ctx->ipc_ctx, key, text, len, nullptr, nullptr, 0);
-}
-
 // The report in data, or null when there is none or it does not decode. The decoder reads no
 // further than len.
 obs_policy *decode_report(const void *data, int len) {
@@ -161,7 +155,7 @@ int obs_policy_send_report(obs_policy_ctx *ctx, obs_policy *rec) {
     uint32_t len = 0;
     obs_policy_internal_encode(rec, &text, &len);
     if (!text) return -1;
-    int ret = deliver_report(ctx, key.text, text, len);
+    int ret = obs::send_or_store(ctx, key.text, text, len);
     OBS_LOG("path=%s vlen=%d seq=%" PRIu64 ", ret=%d", obs::text_or_na(rec->path),
             static_cast<int>(len), rec->seq_id, ret);
     free(text);
@@ -172,12 +166,9 @@ void obs_policy_set_service_report(obs_policy_ctx *ctx, const char *service_name
                                    obs_policy_service_report_fn fn) {
     if (!ctx || !ctx->provider) return;
     ctx->provider->service_report_handler = fn;
-    if (!fn || !ctx->ipc || !ctx->ipc->subscribe) return;
-    const bool any_service = !service_name || service_name[0] == '*';
-    if (!any_service && !obs_valid_name(service_name)) return;
-    obs::key_path key = obs::report_key(service_name ? service_name : "*");
-    int ret = ctx->ipc->subscribe(ctx->ipc_ctx, key.text, sdk_policy_service_report_handler);
-    OBS_LOG("subscribe service report=%s ret=%d", key.text, ret);
+    if (fn && ctx->ipc && ctx->ipc->subscribe)
+        obs::subscribe_service_key(ctx, service_name, obs::report_key,
+                                   sdk_policy_service_report_handler, "report", __func__);
 }
 
 void sdk_policy_service_report_handler(void *context, int op, const char *path, const char *,

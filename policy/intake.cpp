@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "observability/policy_channel.h"
+#include "policy/intake.h"
 #include "policy/key_path.h"
-#include "policy/stored_value.h"
 #include "support/list.h"
 #include "support/log.h"
 #include "support/owned_copy.h"
@@ -20,13 +20,28 @@ constexpr char no_policy[] = "there is no policy";
 constexpr char debug_mark[] = "debug";
 constexpr size_t debug_mark_length = sizeof debug_mark - 1;
 
+// A value read with the IPC provider's get: the provider's result and, when something is stored,
+// the malloc'd buffer it handed over, released with the holder. The caller has checked that the
+// provider has get.
+struct stored_value {
+    void *data = nullptr;
+    int len = 0;
+    int result;
+
+    stored_value(obs_policy_ctx *ctx, const char *key)
+        : result(ctx->ipc->get(ctx->ipc_ctx, key, &data, &len)) {}
+    stored_value(const stored_value &) = delete;
+    stored_value &operator=(const stored_value &) = delete;
+    ~stored_value() { free(data); }
+};
+
 bool can_load_default_policy(const obs_policy_ctx *ctx) {
     return ctx && ctx->ipc && ctx->ipc->get && ctx->provider && ctx->provider->name &&
            ctx->service_name;
 }
 
-obs::key_path default_policy_key(const obs_policy_ctx *ctx) {
-    return obs::policy_key(ctx->service_name, "default", ctx->provider->name);
+obs::key_path default_policy_key(const obs_policy_ctx *ctx, const char *service_name) {
+    return obs::policy_key(service_name, "default", ctx->provider->name);
 }
 
 // What the handler gets for a deleted key whose event carries nothing decodable.
@@ -104,7 +119,7 @@ bool ends_within(const void *payload, uint32_t length) {
 
 // The raw payload of the policy stored for the event's key, taken over from its decoded record.
 query_answer stored_policy_answer(obs_policy_ctx *ctx, const query_event &event) {
-    obs::stored_value stored(ctx, event.path);
+    stored_value stored(ctx, event.path);
     OBS_LOG_AS(event.operation, "read policy=%s len=%d ret=%d", event.path, stored.len,
                stored.result);
     query_answer answer;
@@ -146,6 +161,15 @@ void answer_query(obs_policy_ctx *ctx, const query_event &event, obs_policy *que
 
 }  // namespace
 
+void obs::load_default_policy(obs_policy_ctx *ctx, const char *service_name,
+                              const char *operation) {
+    obs::key_path key = default_policy_key(ctx, service_name);
+    stored_value stored(ctx, key.text);
+    OBS_LOG_AS(operation, "try load policy=%s len=%d ret=%d", key.text, stored.len, stored.result);
+    if (stored.data)
+        sdk_policy_subscribe_handler(ctx, 0, key.text, key.text, stored.data, stored.len);
+}
+
 extern "C" {
 
 obs_policy *sdk_policy_decode(obs_policy_ctx *ctx, int op, const char *path,
@@ -184,18 +208,14 @@ void sdk_policy_subscribe_handler(void *context, int op, const char *path, const
 }
 
 void obs_policy_pull(obs_policy_ctx *ctx) {
-    if (!can_load_default_policy(ctx) || !ctx->handler) return;
-    obs::key_path key = default_policy_key(ctx);
-    obs::stored_value stored(ctx, key.text);
-    OBS_LOG("try load policy=%s len=%d ret=%d", key.text, stored.len, stored.result);
-    if (stored.data)
-        sdk_policy_subscribe_handler(ctx, 0, key.text, key.text, stored.data, stored.len);
+    if (can_load_default_policy(ctx) && ctx->handler)
+        obs::load_default_policy(ctx, ctx->service_name, __func__);
 }
 
 obs_policy *obs_policy_fetch(obs_policy_ctx *ctx) {
     if (!can_load_default_policy(ctx)) return nullptr;
-    obs::key_path key = default_policy_key(ctx);
-    obs::stored_value stored(ctx, key.text);
+    obs::key_path key = default_policy_key(ctx, ctx->service_name);
+    stored_value stored(ctx, key.text);
     OBS_LOG("try load policy=%s len=%d ret=%d", key.text, stored.len, stored.result);
     if (!stored.data) return nullptr;
     return sdk_policy_decode(ctx, 3, key.text, ctx->service_name, stored.data, stored.len);

@@ -7,8 +7,9 @@
 
 #include "observability/debug_log.h"
 #include "observability/policy_channel.h"
+#include "policy/intake.h"
+#include "policy/ipc_calls.h"
 #include "policy/key_path.h"
-#include "policy/stored_value.h"
 #include "support/log.h"
 
 namespace {
@@ -66,16 +67,6 @@ int subscribe_policies(obs_policy_ctx *ctx, const char *service_name) {
                                sdk_policy_subscribe_handler);
 }
 
-// The policy stored for the scope "default" goes through intake as if it had just arrived; logged
-// as operation.
-void load_default_policy(obs_policy_ctx *ctx, const char *service_name, const char *operation) {
-    obs::key_path key = obs::policy_key(service_name, default_scope, ctx->provider->name);
-    obs::stored_value stored(ctx, key.text);
-    OBS_LOG_AS(operation, "try load policy=%s len=%d ret=%d", key.text, stored.len, stored.result);
-    if (stored.data)
-        sdk_policy_subscribe_handler(ctx, 0, key.text, key.text, stored.data, stored.len);
-}
-
 }  // namespace
 
 extern "C" {
@@ -121,7 +112,8 @@ obs_policy_ctx *obs_policy_ctx_init(void *user_ctx, const char *service_name,
     }
     obs_policy_set_service_online(ctx, nullptr, provider->service_online_handler);
     // Last, because applying the stored policy may already use everything set up above.
-    if (handler && ipc->subscribe && ipc->get) load_default_policy(ctx, service_name, __func__);
+    if (handler && ipc->subscribe && ipc->get)
+        obs::load_default_policy(ctx, service_name, __func__);
     return ctx;
 }
 
@@ -151,12 +143,9 @@ void obs_policy_set_service_online(obs_policy_ctx *ctx, const char *service_name
                                    obs_policy_service_online_fn fn) {
     if (!ctx || !ctx->provider) return;
     ctx->provider->service_online_handler = fn;
-    if (!fn || !ctx->ipc || !ctx->ipc->subscribe) return;
-    const bool any_service = !service_name || service_name[0] == '*';
-    if (!any_service && !obs_valid_name(service_name)) return;
-    obs::key_path key = obs::service_uid_key(service_name ? service_name : "*");
-    int ret = ctx->ipc->subscribe(ctx->ipc_ctx, key.text, sdk_policy_service_online_handler);
-    OBS_LOG("subscribe service online=%s ret=%d", key.text, ret);
+    if (fn && ctx->ipc && ctx->ipc->subscribe)
+        obs::subscribe_service_key(ctx, service_name, obs::service_uid_key,
+                                   sdk_policy_service_online_handler, "online", __func__);
 }
 
 // The uid value travels on without its length: a negative length is no value either.

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "observability/policy_channel.h"
+#include "policy/ipc_calls.h"
 #include "policy/key_path.h"
 #include "support/log.h"
 
@@ -196,10 +197,9 @@ void obs_policy_ipc_send(obs_policy_ctx *ctx, obs_policy *rec, const char *key, 
     uint32_t len = 0;
     obs_policy_internal_encode(&readdressed, &text, &len);
     if (!text) return;
-    const obs_ipc_provider *ipc = ctx->ipc;
-    int ret = rec->op > 3 && ipc->send
-                  ? ipc->send(ctx->ipc_ctx, key, text, len)
-                  : ipc->set(ctx->ipc_ctx, key, text, len, nullptr, nullptr, 0);
+    // Queries and other transient records need not stay in the store.
+    int ret = rec->op > 3 ? obs::send_or_store(ctx, key, text, len)
+                          : ctx->ipc->set(ctx->ipc_ctx, key, text, len, nullptr, nullptr, 0);
     free(text);
     OBS_LOG("to=%s path=%s vlen=%d ret=%d", key, path.text, static_cast<int>(len), ret);
 }
