@@ -39,30 +39,23 @@ void add_int(message_pairs *m, const char *key, int64_t value) {
 }
 
 // Zero bytes would be written "{byte 0 }", which no reader accepts, so such a payload is left
-// out; a reader drops a payload whose length is 0 anyway.
-void add_bytes(message_pairs *m, const char *key, const void *bytes, uint32_t n, bool copy) {
+// out; a reader drops a payload whose length is 0 anyway. The pairs live only while the record
+// is encoded, so they borrow the payload.
+void add_bytes(message_pairs *m, const char *key, const void *bytes, uint32_t n) {
     if (n == 0) return;
     ++m->wanted;
-    obs_key_value_add_byte(&m->head, key, bytes, n, copy ? 0 : 1);
+    obs_key_value_add_byte(&m->head, key, bytes, n, 1);
 }
 
-void add_codec_value(message_pairs *m, const obs_policy *policy) {
-    if (!policy->codec_val) return;
-    add_int(m, "codec_vlen", policy->codec_vlen);
-    if (policy->format & OBS_POLICY_FORMAT_CODEC_BYTES) {
-        add_bytes(m, "codec_val", policy->codec_val, policy->codec_vlen, false);
+// A payload with its length entry first: bytes when the record's format says so, else a text.
+void add_payload(message_pairs *m, const char *length_key, const char *key, const void *payload,
+                 uint32_t length, bool bytes) {
+    if (!payload) return;
+    add_int(m, length_key, length);
+    if (bytes) {
+        add_bytes(m, key, payload, length);
     } else {
-        add_text(m, "codec_val", static_cast<const char *>(policy->codec_val));
-    }
-}
-
-void add_raw_value(message_pairs *m, const obs_policy *policy) {
-    if (!policy->raw_val) return;
-    add_int(m, "raw_vlen", policy->raw_vlen);
-    if (policy->format & OBS_POLICY_FORMAT_RAW_BYTES) {
-        add_bytes(m, "raw_val", policy->raw_val, policy->raw_vlen, true);
-    } else {
-        add_text(m, "raw_val", static_cast<const char *>(policy->raw_val));
+        add_text(m, key, static_cast<const char *>(payload));
     }
 }
 
@@ -77,8 +70,10 @@ obs_key_value *pairs_of(const obs_policy *policy) {
     add_int(&m, "format", policy->format);
     add_int(&m, "seq_id", static_cast<int64_t>(policy->seq_id));
     add_text(&m, "traceid", policy->traceid);
-    add_codec_value(&m, policy);
-    add_raw_value(&m, policy);
+    add_payload(&m, "codec_vlen", "codec_val", policy->codec_val, policy->codec_vlen,
+                policy->format & OBS_POLICY_FORMAT_CODEC_BYTES);
+    add_payload(&m, "raw_vlen", "raw_val", policy->raw_val, policy->raw_vlen,
+                policy->format & OBS_POLICY_FORMAT_RAW_BYTES);
     if (count_pairs(m.head) == m.wanted) return m.head;
     obs_key_value_free(m.head);
     return nullptr;
