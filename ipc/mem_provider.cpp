@@ -3,7 +3,6 @@
 // queued for a context after its free has taken it out of the store.
 #include <climits>
 #include <cstdlib>
-#include <cstring>
 
 #include "ipc/mem_delivery.h"
 #include "ipc/mem_store.h"
@@ -67,14 +66,9 @@ int mem_list(void *ipc_ctx, const char *index_key, char ***members, uint32_t *co
 
 int mem_get(void *ipc_ctx, const char *key, void **buf, int *len) {
     if (!ipc_ctx || !key || !buf || !len) return -1;
-    obs::store_guard guard;
-    const void *stored = nullptr;
     uint32_t stored_len = 0;
-    if (!obs::store_find(key, &stored, &stored_len)) return -1;
-    void *copy = malloc(stored_len ? stored_len : 1);
-    if (!copy) return -1;
-    if (stored_len) memcpy(copy, stored, stored_len);
-    *buf = copy;
+    obs::store_guard guard;
+    if (!obs::store_copy_value(key, buf, &stored_len)) return -1;
     *len = static_cast<int>(stored_len);
     return 0;
 }

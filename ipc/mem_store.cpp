@@ -159,10 +159,11 @@ int store_put(const char *key, const void *value, uint32_t len) {
     return -1;
 }
 
-bool store_find(const char *key, const void **value, uint32_t *len) {
+bool store_copy_value(const char *key, void **copy, uint32_t *len) {
     const stored_value *found = *find_link(&values, key);
-    if (!found) return false;
-    *value = found->bytes;
+    void *bytes = found ? copy_bytes(found->bytes, found->len) : nullptr;
+    if (!bytes) return false;
+    *copy = bytes;
     *len = found->len;
     return true;
 }

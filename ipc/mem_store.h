@@ -26,8 +26,9 @@ bool path_matches(const char *pattern, const char *key);
 // Stores a copy of len bytes under key, replacing what was there; -1 when memory runs out (the
 // old value then stays).
 int store_put(const char *key, const void *value, uint32_t len);
-// The stored bytes and their length, or false when nothing is stored under key.
-bool store_find(const char *key, const void **value, uint32_t *len);
+// A malloc'd copy of the bytes stored under key, and their length; false when nothing is stored
+// there or memory runs out (the outputs are then untouched).
+bool store_copy_value(const char *key, void **copy, uint32_t *len);
 // False when nothing was stored under key.
 bool store_remove(const char *key);
 
