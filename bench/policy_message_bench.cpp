@@ -13,6 +13,7 @@
 #include <string>
 
 #include "log_output.h"
+#include "policy_text.h"
 #include "observability_api.h"
 
 namespace {
@@ -33,12 +34,7 @@ std::string ot_policy_text() {
     default_scope.sampler = OBS_SAMPLING_ON;
     default_scope.log_level = 3;
     default_scope.next = &every_scope;
-    char *text = nullptr;
-    uint32_t len = 0;
-    sdk_policy_ot_internal_encode(&default_scope, &text, &len, 1);
-    std::string result = text ? text : "";
-    free(text);
-    return result;
+    return obs_bench::policy_text(&default_scope, 1);
 }
 
 // A typical policy update for service "svc", holding its own copies of every text.

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "log_output.h"
+#include "policy_text.h"
 #include "observability_api.h"
 #include "observability_ipc_mem.h"
 
@@ -29,6 +30,10 @@ struct arrivals {
     std::condition_variable changed;
     uint64_t count = 0;
 
+    uint64_t so_far() {
+        std::lock_guard<std::mutex> hold(lock);
+        return count;
+    }
     void wait_beyond(uint64_t seen) {
         std::unique_lock<std::mutex> hold(lock);
         changed.wait(hold, [&] { return count > seen; });
@@ -50,12 +55,7 @@ std::string sampling_policy_text() {
     entry.scope_name = const_cast<char *>("default");
     entry.sampler = OBS_SAMPLING_ON;
     entry.log_level = 3;
-    char *text = nullptr;
-    uint32_t len = 0;
-    sdk_policy_ot_internal_encode(&entry, &text, &len, 0);
-    std::string copy = text ? text : "";
-    free(text);
-    return copy;
+    return obs_bench::policy_text(&entry, 0);
 }
 
 double percentile(std::vector<double> samples, double fraction) {
@@ -63,6 +63,23 @@ double percentile(std::vector<double> samples, double fraction) {
     size_t at = static_cast<size_t>(fraction * static_cast<double>(samples.size() - 1));
     std::nth_element(samples.begin(), samples.begin() + static_cast<long>(at), samples.end());
     return samples[at];
+}
+
+// Times each call of trip as one iteration; the median and 99th percentile go to the counters
+// p50_us and p99_us, round trips per second to items/s.
+template <typename Trip>
+void time_round_trips(benchmark::State &state, Trip trip) {
+    std::vector<double> round_trips;
+    for (auto _ : state) {
+        auto start = std::chrono::steady_clock::now();
+        trip();
+        std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        state.SetIterationTime(took.count());
+        round_trips.push_back(took.count() * 1e6);
+    }
+    state.SetItemsProcessed(state.iterations());
+    state.counters["p50_us"] = percentile(round_trips, 0.50);
+    state.counters["p99_us"] = percentile(round_trips, 0.99);
 }
 
 void policy_round_trip(benchmark::State &state) {
@@ -87,23 +104,11 @@ void policy_round_trip(benchmark::State &state) {
         record.codec_val = const_cast<char *>(text.c_str());
         record.codec_vlen = static_cast<uint32_t>(text.size() + 1);
         const char *target = OBS_IPC_KEY_ROOT "service{bench-svc}/scope{*}/obs";
-        std::vector<double> round_trips;
-        for (auto _ : state) {
-            uint64_t seen;
-            {
-                std::lock_guard<std::mutex> hold(arrived.lock);
-                seen = arrived.count;
-            }
-            auto start = std::chrono::steady_clock::now();
+        time_round_trips(state, [&] {
+            uint64_t seen = arrived.so_far();
             obs_policy_dispatch(agent, &record, target, directory);
             arrived.wait_beyond(seen);
-            std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-            state.SetIterationTime(took.count());
-            round_trips.push_back(took.count() * 1e6);
-        }
-        state.SetItemsProcessed(state.iterations());
-        state.counters["p50_us"] = percentile(round_trips, 0.50);
-        state.counters["p99_us"] = percentile(round_trips, 0.99);
+        });
     }
     obs_ipc_mem_flush();
     obs_policy_free_service(directory);
@@ -149,17 +154,7 @@ class handoff_thread {
 
 void thread_handoff(benchmark::State &state) {
     handoff_thread other;
-    std::vector<double> round_trips;
-    for (auto _ : state) {
-        auto start = std::chrono::steady_clock::now();
-        other.hand_over_and_wait();
-        std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-        state.SetIterationTime(took.count());
-        round_trips.push_back(took.count() * 1e6);
-    }
-    state.SetItemsProcessed(state.iterations());
-    state.counters["p50_us"] = percentile(round_trips, 0.50);
-    state.counters["p99_us"] = percentile(round_trips, 0.99);
+    time_round_trips(state, [&] { other.hand_over_and_wait(); });
 }
 
 }  // namespace
