@@ -10,6 +10,7 @@
 #include "observability/sds.h"
 #include "observability/value.h"
 #include "support/log.h"
+#include "support/owned_copy.h"
 #include "value/bounded_text.h"
 
 namespace {
@@ -194,9 +195,8 @@ void obs_policy_internal_encode(const obs_policy *policy, char **text, uint32_t 
     if (!policy || !text || !len) return;
     obs_sds encoded = encode_message(policy);
     size_t length = encoded ? strlen(encoded) : 0;
-    char *copy = length ? static_cast<char *>(malloc(length + 1)) : nullptr;
+    auto *copy = length ? static_cast<char *>(obs::copy_block(encoded, length + 1)) : nullptr;
     if (copy) {
-        memcpy(copy, encoded, length + 1);
         *text = copy;
         *len = static_cast<uint32_t>(length + 1);
         obs::log_line("encode to:");
