@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "support/list.h"
+
 namespace obs {
 namespace {
 
@@ -89,14 +91,6 @@ bool start_thread() {
     return thread_running;
 }
 
-void release_events(mem_event *event) {
-    while (event) {
-        mem_event *next = event->next;
-        free(event);
-        event = next;
-    }
-}
-
 }  // namespace
 
 mem_event *event_make(mem_handle *handle, obs_ipc_handler handler, int op, const char *path,
@@ -127,7 +121,7 @@ int delivery_enqueue(mem_event_batch *batch) {
         pthread_cond_signal(&queue_filled);
     }
     pthread_mutex_unlock(&queue_lock);
-    if (!started) release_events(batch->head);
+    if (!started) list_release(batch->head, [](mem_event *event) { free(event); });
     *batch = mem_event_batch();
     return started ? 0 : -1;
 }

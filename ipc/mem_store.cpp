@@ -29,7 +29,6 @@ struct index_entry {
     index_entry *next;
     char *key;
     index_member *members;
-    uint32_t count;
 };
 
 struct subscription {
@@ -91,6 +90,12 @@ bool has_member(const index_entry *entry, const char *name) {
     return false;
 }
 
+uint32_t member_count(const index_entry *entry) {
+    uint32_t count = 0;
+    for (const index_member *member = entry->members; member; member = member->next) ++count;
+    return count;
+}
+
 void release_members(char **members, uint32_t count) {
     for (uint32_t i = 0; i < count; ++i) free(members[i]);
     free(members);
@@ -116,7 +121,7 @@ size_t describe_into(char *out, size_t size) {
                            static_cast<unsigned long>(value->len));
     for (const index_entry *entry = indexes; entry; entry = entry->next)
         used = append_line(out, size, used, "index %s members %lu\n", entry->key,
-                           static_cast<unsigned long>(entry->count));
+                           static_cast<unsigned long>(member_count(entry)));
     for (const subscription *sub = subscriptions; sub; sub = sub->next)
         used = append_line(out, size, used, "subscription %s\n", sub->path);
     return used;
@@ -124,8 +129,12 @@ size_t describe_into(char *out, size_t size) {
 
 }  // namespace
 
-store_guard::store_guard() { pthread_mutex_lock(&store_lock); }
-store_guard::~store_guard() { pthread_mutex_unlock(&store_lock); }
+store_guard::store_guard() {
+    pthread_mutex_lock(&store_lock);
+}
+store_guard::~store_guard() {
+    pthread_mutex_unlock(&store_lock);
+}
 
 bool path_matches(const char *pattern, const char *key) {
     static constexpr char any_name[] = "{*}";
@@ -197,7 +206,6 @@ int store_add_member(const char *index_key, const char *member, size_t member_le
     }
     added->name = name;
     list_append(&entry->members, added);
-    ++entry->count;
     return 0;
 }
 
@@ -205,8 +213,9 @@ int store_list_members(const char *index_key, char ***members, uint32_t *count) 
     *members = nullptr;
     *count = 0;
     const index_entry *entry = *find_link(&indexes, index_key);
-    if (!entry || entry->count == 0) return 0;
-    auto *names = static_cast<char **>(calloc(entry->count, sizeof(char *)));
+    const uint32_t listed = entry ? member_count(entry) : 0;
+    if (listed == 0) return 0;
+    auto *names = static_cast<char **>(calloc(listed, sizeof(char *)));
     if (!names) return -1;
     uint32_t copied = 0;
     for (const index_member *member = entry->members; member; member = member->next) {
