@@ -112,7 +112,7 @@ void batch_append(mem_event_batch *batch, mem_event *event) {
 }
 
 int delivery_enqueue(mem_event_batch *batch) {
-    if (!batch->head) return 0;
+    if (!batch->head) return OBS_OK;
     pthread_mutex_lock(&queue_lock);
     bool started = thread_running || start_thread();
     if (started) {
@@ -123,7 +123,7 @@ int delivery_enqueue(mem_event_batch *batch) {
     pthread_mutex_unlock(&queue_lock);
     if (!started) list_release(batch->head, [](mem_event *event) { free(event); });
     *batch = mem_event_batch();
-    return started ? 0 : -1;
+    return started ? OBS_OK : OBS_ERR_FAILED;
 }
 
 void delivery_release_handle(mem_handle *handle) {

@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr int op_set = 0;
-constexpr int op_delete = 2;
 // A deletion event carries one byte that decodes to nothing, so intake sees a deleted key.
 constexpr char deletion_data[] = "";
 
@@ -20,7 +18,7 @@ int notify(const char *key, int op, const void *data, int len) {
     obs::mem_event_batch batch;
     int collected = obs::store_collect_events(key, op, data, len, &batch);
     int queued = obs::delivery_enqueue(&batch);
-    return collected == 0 && queued == 0 ? 0 : -1;
+    return collected == OBS_OK && queued == OBS_OK ? OBS_OK : OBS_ERR_FAILED;
 }
 
 void *mem_init(void *policy_ctx, const char *, void *) {
@@ -41,42 +39,42 @@ void mem_free(void *ipc_ctx) {
 }
 
 int mem_subscribe(void *ipc_ctx, const char *path, obs_ipc_handler handler) {
-    if (!ipc_ctx || !path || !handler) return -1;
+    if (!ipc_ctx || !path || !handler) return OBS_ERR_FAILED;
     obs::store_guard guard;
     return obs::store_subscribe(static_cast<obs::mem_handle *>(ipc_ctx), path, handler);
 }
 
 int mem_set(void *ipc_ctx, const char *key, const void *value, uint32_t len, const char *index_key,
             const void *member, uint32_t member_len) {
-    if (!ipc_ctx || !key || (!value && len) || len > INT_MAX) return -1;
+    if (!ipc_ctx || !key || (!value && len) || len > INT_MAX) return OBS_ERR_FAILED;
     obs::store_guard guard;
-    if (obs::store_put(key, value, len) != 0) return -1;
-    int indexed = 0;
+    if (obs::store_put(key, value, len) != OBS_OK) return OBS_ERR_FAILED;
+    int indexed = OBS_OK;
     if (index_key && member && member_len)
         indexed = obs::store_add_member(index_key, static_cast<const char *>(member), member_len);
-    int notified = notify(key, op_set, value, static_cast<int>(len));
-    return indexed == 0 && notified == 0 ? 0 : -1;
+    int notified = notify(key, OBS_IPC_EVENT_SET, value, static_cast<int>(len));
+    return indexed == OBS_OK && notified == OBS_OK ? OBS_OK : OBS_ERR_FAILED;
 }
 
 int mem_list(void *ipc_ctx, const char *index_key, char ***members, uint32_t *count) {
-    if (!ipc_ctx || !index_key || !members || !count) return -1;
+    if (!ipc_ctx || !index_key || !members || !count) return OBS_ERR_FAILED;
     obs::store_guard guard;
     return obs::store_list_members(index_key, members, count);
 }
 
 int mem_get(void *ipc_ctx, const char *key, void **buf, int *len) {
-    if (!ipc_ctx || !key || !buf || !len) return -1;
+    if (!ipc_ctx || !key || !buf || !len) return OBS_ERR_FAILED;
     uint32_t stored_len = 0;
     obs::store_guard guard;
-    if (!obs::store_copy_value(key, buf, &stored_len)) return -1;
+    if (!obs::store_copy_value(key, buf, &stored_len)) return OBS_ERR_FAILED;
     *len = static_cast<int>(stored_len);
-    return 0;
+    return OBS_OK;
 }
 
 int mem_send(void *ipc_ctx, const char *key, const void *data, uint32_t len) {
-    if (!ipc_ctx || !key || (!data && len) || len > INT_MAX) return -1;
+    if (!ipc_ctx || !key || (!data && len) || len > INT_MAX) return OBS_ERR_FAILED;
     obs::store_guard guard;
-    return notify(key, op_set, data, static_cast<int>(len));
+    return notify(key, OBS_IPC_EVENT_SET, data, static_cast<int>(len));
 }
 
 char *mem_dump_debuginfo(void *ipc_ctx) {
@@ -86,8 +84,8 @@ char *mem_dump_debuginfo(void *ipc_ctx) {
 }
 
 obs_ipc_provider mem_provider = {
-    "mem", "1.0", nullptr, mem_init, mem_free, mem_subscribe, nullptr, mem_set, mem_list,
-    mem_get, mem_send, mem_dump_debuginfo,
+    "mem",   "1.0",   nullptr,  mem_init, mem_free, mem_subscribe,
+    nullptr, mem_set, mem_list, mem_get,  mem_send, mem_dump_debuginfo,
 };
 
 }  // namespace
@@ -99,10 +97,10 @@ obs_ipc_provider *obs_ipc_mem_provider(void) {
 }
 
 int obs_ipc_mem_delete(void *ipc_ctx, const char *key) {
-    if (!ipc_ctx || !key) return -1;
+    if (!ipc_ctx || !key) return OBS_ERR_FAILED;
     obs::store_guard guard;
-    if (!obs::store_remove(key)) return -1;
-    return notify(key, op_delete, deletion_data, sizeof deletion_data);
+    if (!obs::store_remove(key)) return OBS_ERR_FAILED;
+    return notify(key, OBS_IPC_EVENT_DELETE, deletion_data, sizeof deletion_data);
 }
 
 void obs_ipc_mem_flush(void) {

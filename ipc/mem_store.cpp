@@ -154,18 +154,18 @@ bool path_matches(const char *pattern, const char *key) {
 
 int store_put(const char *key, const void *value, uint32_t len) {
     void *bytes = copy_bytes(value, len);
-    if (!bytes) return -1;
+    if (!bytes) return OBS_ERR_FAILED;
     stored_value **link = find_link(&values, key);
     if (*link) {
         free((*link)->bytes);
         (*link)->bytes = bytes;
         (*link)->len = len;
-        return 0;
+        return OBS_OK;
     }
     *link = new_value(key, bytes, len);
-    if (*link) return 0;
+    if (*link) return OBS_OK;
     free(bytes);
-    return -1;
+    return OBS_ERR_FAILED;
 }
 
 bool store_copy_value(const char *key, void **copy, uint32_t *len) {
@@ -193,20 +193,20 @@ int store_add_member(const char *index_key, const char *member, size_t member_le
     char *name = strndup(member, member_len);
     if (!entry || !name) {
         free(name);
-        return -1;
+        return OBS_ERR_FAILED;
     }
     if (has_member(entry, name)) {
         free(name);
-        return 0;
+        return OBS_OK;
     }
     auto *added = static_cast<index_member *>(calloc(1, sizeof(index_member)));
     if (!added) {
         free(name);
-        return -1;
+        return OBS_ERR_FAILED;
     }
     added->name = name;
     list_append(&entry->members, added);
-    return 0;
+    return OBS_OK;
 }
 
 int store_list_members(const char *index_key, char ***members, uint32_t *count) {
@@ -214,21 +214,21 @@ int store_list_members(const char *index_key, char ***members, uint32_t *count) 
     *count = 0;
     const index_entry *entry = *find_link(&indexes, index_key);
     const uint32_t listed = entry ? member_count(entry) : 0;
-    if (listed == 0) return 0;
+    if (listed == 0) return OBS_OK;
     auto *names = static_cast<char **>(calloc(listed, sizeof(char *)));
-    if (!names) return -1;
+    if (!names) return OBS_ERR_FAILED;
     uint32_t copied = 0;
     for (const index_member *member = entry->members; member; member = member->next) {
         names[copied] = strdup(member->name);
         if (!names[copied]) {
             release_members(names, copied);
-            return -1;
+            return OBS_ERR_FAILED;
         }
         ++copied;
     }
     *members = names;
     *count = copied;
-    return 0;
+    return OBS_OK;
 }
 
 int store_subscribe(mem_handle *handle, const char *path, obs_ipc_handler handler) {
@@ -236,12 +236,12 @@ int store_subscribe(mem_handle *handle, const char *path, obs_ipc_handler handle
     if (sub) sub->path = strdup(path);
     if (!sub || !sub->path) {
         free(sub);
-        return -1;
+        return OBS_ERR_FAILED;
     }
     sub->handler = handler;
     sub->handle = handle;
     list_append(&subscriptions, sub);
-    return 0;
+    return OBS_OK;
 }
 
 void store_unsubscribe_all(const mem_handle *handle) {

@@ -148,13 +148,13 @@ void obs_policy_free_service(obs_policy_service *list) {
 }
 
 int obs_policy_send_report(obs_policy_ctx *ctx, obs_policy *rec) {
-    if (!ctx || !ctx->ipc || !ctx->ipc->set || !rec || !ctx->service_name) return -1;
+    if (!ctx || !ctx->ipc || !ctx->ipc->set || !rec || !ctx->service_name) return OBS_ERR_FAILED;
     obs::key_path key = obs::report_key(ctx->service_name);
     rec->seq_id = __atomic_add_fetch(&report_sequence, 1, __ATOMIC_RELAXED);
     char *text = nullptr;
     uint32_t len = 0;
     obs_policy_internal_encode(rec, &text, &len);
-    if (!text) return -1;
+    if (!text) return OBS_ERR_FAILED;
     int ret = obs::send_or_store(ctx, key.text, text, len);
     OBS_LOG("path=%s vlen=%d seq=%" PRIu64 ", ret=%d", obs::text_or_na(rec->path),
             static_cast<int>(len), rec->seq_id, ret);
@@ -174,7 +174,7 @@ void obs_policy_set_service_report(obs_policy_ctx *ctx, const char *service_name
 void sdk_policy_service_report_handler(void *context, int op, const char *path, const char *,
                                        const void *data, int len) {
     auto *ctx = static_cast<obs_policy_ctx *>(context);
-    if (!ctx || op == 2 || !ctx->provider) return;
+    if (!ctx || op == OBS_IPC_EVENT_DELETE || !ctx->provider) return;
     OBS_LOG("path=%s len=%d", obs::text_or_na(path), len);
     char service[256] = {};
     if (obs_path_to_channel_field_str(path, service, nullptr, sizeof service) != 0) return;

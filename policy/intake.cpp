@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr uint8_t query_op = 4;
-constexpr uint8_t delete_op = 2;
 constexpr char deletion_reqid[] = "test-manualy-delete";
 constexpr char no_policy[] = "there is no policy";
 constexpr char debug_mark[] = "debug";
@@ -48,7 +46,7 @@ obs::key_path default_policy_key(const obs_policy_ctx *ctx, const char *service_
 obs_policy *deletion_record(const obs_policy_ctx *ctx, const char *path) {
     auto *record = static_cast<obs_policy *>(calloc(1, sizeof(obs_policy)));
     if (!record) return nullptr;
-    record->op = delete_op;
+    record->op = OBS_POLICY_OP_REMOVE;
     record->reqid = const_cast<char *>(deletion_reqid);
     record->path = const_cast<char *>(path);
     record->name = const_cast<char *>(ctx->provider->name);
@@ -167,7 +165,8 @@ void obs::load_default_policy(obs_policy_ctx *ctx, const char *service_name,
     stored_value stored(ctx, key.text);
     OBS_LOG_AS(operation, "try load policy=%s len=%d ret=%d", key.text, stored.len, stored.result);
     if (stored.data)
-        sdk_policy_subscribe_handler(ctx, 0, key.text, key.text, stored.data, stored.len);
+        sdk_policy_subscribe_handler(ctx, OBS_IPC_EVENT_SET, key.text, key.text, stored.data,
+                                     stored.len);
 }
 
 extern "C" {
@@ -178,7 +177,7 @@ obs_policy *sdk_policy_decode(obs_policy_ctx *ctx, int op, const char *path,
     OBS_LOG("path=%s op=%d len=%d", obs::text_or_na(path), op, len);
     obs_policy *decoded = nullptr;
     obs_policy_internal_decode(data, static_cast<uint32_t>(len), &decoded);
-    if (!decoded && op == delete_op) decoded = deletion_record(ctx, path);
+    if (!decoded && op == OBS_IPC_EVENT_DELETE) decoded = deletion_record(ctx, path);
     if (!decoded) return nullptr;
     OBS_LOG("reqid=%s path=%s op=%d codec len=%d raw len=%d", obs::text_or_na(decoded->reqid),
             obs::text_or_na(decoded->path), decoded->op, static_cast<int>(decoded->codec_vlen),
@@ -203,7 +202,7 @@ void sdk_policy_subscribe_handler(void *context, int op, const char *path, const
     if (!list) return;
     OBS_LOG("policy handler found, run it");
     ctx->handler(ctx, service, list, ctx->user_ctx);
-    if (list->op == query_op) answer_query(ctx, {op, path, service, __func__}, list);
+    if (list->op == OBS_POLICY_OP_QUERY) answer_query(ctx, {op, path, service, __func__}, list);
     release_received(ctx, list);
 }
 
@@ -218,7 +217,8 @@ obs_policy *obs_policy_fetch(obs_policy_ctx *ctx) {
     stored_value stored(ctx, key.text);
     OBS_LOG("try load policy=%s len=%d ret=%d", key.text, stored.len, stored.result);
     if (!stored.data) return nullptr;
-    return sdk_policy_decode(ctx, 3, key.text, ctx->service_name, stored.data, stored.len);
+    return sdk_policy_decode(ctx, OBS_IPC_EVENT_FETCH, key.text, ctx->service_name, stored.data,
+                             stored.len);
 }
 
 char *obs_policy_dump_debuginfor(obs_policy_ctx *ctx) {

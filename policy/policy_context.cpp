@@ -132,9 +132,9 @@ void obs_policy_ctx_free(obs_policy_ctx *ctx) {
 
 int obs_policy_register_scope(obs_policy_ctx *ctx, const char *service_name,
                               const char *scope_name) {
-    if (!obs_valid_name(service_name)) return -1;
-    if (!obs_valid_name(scope_name) || !ctx) return -1;
-    if (!ctx->ipc || !ctx->ipc->set) return -1;
+    if (!obs_valid_name(service_name)) return OBS_ERR_FAILED;
+    if (!obs_valid_name(scope_name) || !ctx) return OBS_ERR_FAILED;
+    if (!ctx->ipc || !ctx->ipc->set) return OBS_ERR_FAILED;
     return set_indexed(ctx, obs::scope_name_key(service_name, scope_name).text, scope_name,
                        obs::scope_index_key<obs::scope_index_path>(service_name).text, scope_name);
 }

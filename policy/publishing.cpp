@@ -10,8 +10,6 @@
 
 namespace {
 
-// Mark in dispatch_flags of a record that a named-SDK provider has taken.
-constexpr uint32_t claimed_by_named_sdk = OBS_POLICY_PROVIDER_SDK;
 constexpr char default_root[] = "/kuv/opa";
 constexpr char default_scope[] = "default";
 
@@ -46,9 +44,10 @@ bool provider_takes(const obs_sdk_policy_provider *provider, obs_policy *rec) {
     if (!rec->name) return false;
     if (type & OBS_POLICY_PROVIDER_SDK) {
         if (!provider->name || strcmp(rec->name, provider->name) != 0) return false;
-        rec->dispatch_flags |= claimed_by_named_sdk;
+        rec->dispatch_flags |= OBS_POLICY_FLAG_CLAIMED;
     }
-    return !((type & OBS_POLICY_PROVIDER_DEFAULT) && (rec->dispatch_flags & claimed_by_named_sdk));
+    return !((type & OBS_POLICY_PROVIDER_DEFAULT) &&
+             (rec->dispatch_flags & OBS_POLICY_FLAG_CLAIMED));
 }
 
 // Publishes every record the translator makes of rec, then releases them unless the translator
@@ -139,10 +138,10 @@ extern "C" {
 
 int obs_policy_dispatch(obs_policy_ctx *ctx, obs_policy *list, const char *target,
                         obs_policy_service *services) {
-    if (!list) return -1;
+    if (!list) return OBS_ERR_FAILED;
     if (!ctx || !ctx->provider) {
         OBS_LOG("no any policy provider found");
-        return -1;
+        return OBS_ERR_FAILED;
     }
     const obs_sdk_policy_provider *provider = ctx->provider;
     for (obs_policy *rec = list; rec; rec = rec->next) {
@@ -157,24 +156,24 @@ int obs_policy_dispatch(obs_policy_ctx *ctx, obs_policy *list, const char *targe
             obs_policy_publish(ctx, rec, target, services);
         }
     }
-    return 0;
+    return OBS_OK;
 }
 
 int obs_policy_publish(obs_policy_ctx *ctx, obs_policy *rec, const char *target,
                        obs_policy_service *services) {
     if (!has_usable_ipc(ctx)) {
         OBS_LOG("no any ipc provider found");
-        return -1;
+        return OBS_ERR_FAILED;
     }
     const obs_sdk_policy_provider *provider = ctx->provider;
-    if (!rec || !services || !provider || !provider->name) return -2;
+    if (!rec || !services || !provider || !provider->name) return OBS_ERR_INVALID;
     path_names from_record, to;
     if (target) to.split(target);
     const char *sdk = choose_sdk(provider, rec, &from_record);
     widen_target(&to);
     OBS_LOG("policy=%s sdk=%s target=%s", obs::text_or_na(rec->name), provider->name,
             target ? target : obs::text_or_na(rec->path));
-    if (!is_empty(to.sdk) && strcmp(to.sdk, sdk) != 0) return -3;
+    if (!is_empty(to.sdk) && strcmp(to.sdk, sdk) != 0) return OBS_ERR_TARGET_MISMATCH;
     for (const obs_policy_service *service = services; service; service = service->next) {
         if (!service->name || !lists(service->sdks, service->sdk_count, sdk)) continue;
         if (!is_empty(to.service) && strcmp(to.service, service->name) != 0) continue;
@@ -184,7 +183,7 @@ int obs_policy_publish(obs_policy_ctx *ctx, obs_policy *rec, const char *target,
             send_to_matching_scopes(ctx, rec, service, from_record, to, sdk);
         }
     }
-    return 0;
+    return OBS_OK;
 }
 
 void obs_policy_ipc_send(obs_policy_ctx *ctx, obs_policy *rec, const char *key, const char *service,
@@ -198,8 +197,9 @@ void obs_policy_ipc_send(obs_policy_ctx *ctx, obs_policy *rec, const char *key, 
     obs_policy_internal_encode(&readdressed, &text, &len);
     if (!text) return;
     // Queries and other transient records need not stay in the store.
-    int ret = rec->op > 3 ? obs::send_or_store(ctx, key, text, len)
-                          : ctx->ipc->set(ctx->ipc_ctx, key, text, len, nullptr, nullptr, 0);
+    int ret = rec->op > OBS_POLICY_OP_REAPPLY
+                  ? obs::send_or_store(ctx, key, text, len)
+                  : ctx->ipc->set(ctx->ipc_ctx, key, text, len, nullptr, nullptr, 0);
     free(text);
     OBS_LOG("to=%s path=%s vlen=%d ret=%d", key, path.text, static_cast<int>(len), ret);
 }

@@ -41,6 +41,24 @@ typedef int (*obs_log_callback)(int, const char *);
 /* Set in a node's type byte when the node does not own what it points to. */
 #define OBS_VALUE_REF 0x10
 
+/* Results of int operations (the convention is stated in observability_api.h). */
+#define OBS_OK 0
+#define OBS_ERR_FAILED (-1)          /* failure or refusal */
+#define OBS_ERR_INVALID (-2)         /* a provider lacks the operation, or an argument is bad */
+#define OBS_ERR_TARGET_MISMATCH (-3) /* publishing: the target names another policy SDK */
+
+/* Operation of a policy record (its op field). Records up to OBS_POLICY_OP_REAPPLY are stored
+ * under their key; later ones travel as transient messages. */
+#define OBS_POLICY_OP_APPLY 1
+#define OBS_POLICY_OP_REMOVE 2 /* back to the defaults */
+#define OBS_POLICY_OP_REAPPLY 3
+#define OBS_POLICY_OP_QUERY 4 /* answered with a report */
+#define OBS_POLICY_OP_APPLY_TRANSIENT 5
+/* Whether op applies the record's policy (1, 3 and 5 do). */
+#define OBS_POLICY_OP_IS_APPLY(op) \
+    ((op) == OBS_POLICY_OP_APPLY || (op) == OBS_POLICY_OP_REAPPLY || \
+     (op) == OBS_POLICY_OP_APPLY_TRANSIENT)
+
 /* Bits of a policy record's format. */
 #define OBS_POLICY_FORMAT_RAW 0x01
 #define OBS_POLICY_FORMAT_RAW_BYTES 0x02
@@ -52,7 +70,10 @@ typedef int (*obs_log_callback)(int, const char *);
 #define OBS_POLICY_PROVIDER_SDK 0x20
 #define OBS_POLICY_PROVIDER_MONITOR 0x80
 
-/* dispatch_flags bit of a record that holds a translated entry chain; never transmitted. */
+/* Local marks in a record's dispatch_flags; never transmitted. */
+/* Claimed by a named-SDK provider in dispatch, so a default-class provider leaves it alone. */
+#define OBS_POLICY_FLAG_CLAIMED 0x20u
+/* The record's codec_val is a translated entry chain in this process's memory. */
 #define OBS_POLICY_FLAG_TRANSLATED 0x80000000u
 
 #ifdef __cplusplus

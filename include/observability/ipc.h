@@ -12,6 +12,11 @@ extern "C" {
 /* Root of every key path. */
 #define OBS_IPC_KEY_ROOT "/op/observability-policy-agent/"
 
+/* Kinds of event an obs_ipc_handler receives as its op. */
+#define OBS_IPC_EVENT_SET 0    /* a value stored or sent; also a stored value the library reads */
+#define OBS_IPC_EVENT_DELETE 2 /* the key was deleted; the data carries nothing */
+#define OBS_IPC_EVENT_FETCH 3  /* a stored value read by obs_policy_fetch */
+
 /* A table of twelve pointer-sized slots, owned by the host and borrowed by every policy context
  * that uses it. Optional slots may be null; the library checks before calling. */
 typedef struct obs_ipc_provider {

@@ -17,13 +17,12 @@ typedef struct obs_sdk_policy_provider obs_sdk_policy_provider;
  * owned by the record. */
 struct obs_policy {
     uint8_t type;            /* policy type code, carried */
-    uint8_t op;              /* 1, 3, 5 apply; 2 remove; 4 query answered with a report */
+    uint8_t op;              /* OBS_POLICY_OP_* */
     uint8_t format;          /* OBS_POLICY_FORMAT_* bits */
     uint32_t codec_vlen;     /* bytes in codec_val */
     uint32_t raw_vlen;       /* bytes in raw_val (texts: with the terminator) */
     uint64_t seq_id;         /* stamped on reports */
-    uint32_t dispatch_flags; /* local marks, never transmitted: 0x20 claimed by a named SDK,
-                                OBS_POLICY_FLAG_TRANSLATED */
+    uint32_t dispatch_flags; /* OBS_POLICY_FLAG_* local marks, never transmitted */
     char *path;              /* root/service{S}/scope{C}/SDK */
     char *name;              /* SDK the record is for */
     void *codec_val;         /* the policy in the SDK's encoding */
