@@ -1,31 +1,17 @@
-// The built-in policy SDK provider records and the operations every provider shares. The records
-// are process-wide and writable: the setters write hooks into them for every context at once.
+// The channel's own policy SDK provider records (the default template and the plain monitor) and
+// the operations every provider shares. The records are process-wide and writable: the setters
+// write hooks into them for every context at once. Providers of a policy SDK live with that SDK.
 #include <cstdlib>
 #include <cstring>
 
-#include "observability/policy.h"
-#include "observability/policy_ot.h"
+#include "policy/builtin_provider.h"
 
 namespace {
 
-// Every built-in record creates its contexts with obs_policy_init and has version "1.0"; they
-// differ in class, name and the hooks that translate and release received records. A constant
-// expression, so the tables are filled at load time.
-constexpr obs_sdk_policy_provider builtin(uint32_t type, const char *name,
-                                          obs_policy_translator_fn translator,
-                                          obs_policy_free_fn release) {
-    return {type,    name,    "1.0",      obs_policy_init, nullptr,
-            nullptr, nullptr, translator, nullptr,         release};
-}
-
 obs_sdk_policy_provider default_template =
-    builtin(OBS_POLICY_PROVIDER_DEFAULT, "", nullptr, obs_policy_free);
+    obs::builtin_provider(OBS_POLICY_PROVIDER_DEFAULT, "", nullptr, obs_policy_free);
 obs_sdk_policy_provider monitor_provider =
-    builtin(OBS_POLICY_PROVIDER_MONITOR, "monitor", nullptr, obs_policy_free);
-obs_sdk_policy_provider ot_provider =
-    builtin(OBS_POLICY_PROVIDER_SDK, "obs", sdk_policy_ot_apply_translate, sdk_policy_ot_free);
-obs_sdk_policy_provider ot_monitor_provider = builtin(
-    OBS_POLICY_PROVIDER_MONITOR, "obs-monitor", sdk_policy_ot_apply_translate, sdk_policy_ot_free);
+    obs::builtin_provider(OBS_POLICY_PROVIDER_MONITOR, "monitor", nullptr, obs_policy_free);
 
 obs_sdk_policy_provider *provider_of(obs_policy_ctx *ctx) {
     return ctx ? ctx->provider : nullptr;
@@ -37,14 +23,6 @@ extern "C" {
 
 obs_sdk_policy_provider *obs_get_monitor_sdk_policy_provider(void) {
     return &monitor_provider;
-}
-
-obs_sdk_policy_provider *obs_get_ot_sdk_policy_provider(void) {
-    return &ot_provider;
-}
-
-obs_sdk_policy_provider *obs_get_ot_monitor_sdk_policy_provider(void) {
-    return &ot_monitor_provider;
 }
 
 obs_sdk_policy_provider *obs_create_default_sdk_policy_provider(const char *name) {

@@ -1,8 +1,10 @@
-// The "obs" providers' hooks: turning a received record's codec text into an entry chain, and
-// releasing record lists of which some hold such chains.
+// The sampling SDK's provider records "obs" and "obs-monitor", and their hooks: turning a
+// received record's codec text into an entry chain, and releasing record lists of which some hold
+// such chains.
 #include <cstdlib>
 
 #include "observability/policy_ot.h"
+#include "policy/builtin_provider.h"
 #include "policy/policy_record.h"
 #include "policy_ot/translated_record.h"
 
@@ -24,9 +26,22 @@ void release_codec_value(obs_policy *record) {
     }
 }
 
+obs_sdk_policy_provider ot_provider = obs::builtin_provider(
+    OBS_POLICY_PROVIDER_SDK, "obs", sdk_policy_ot_apply_translate, sdk_policy_ot_free);
+obs_sdk_policy_provider ot_monitor_provider = obs::builtin_provider(
+    OBS_POLICY_PROVIDER_MONITOR, "obs-monitor", sdk_policy_ot_apply_translate, sdk_policy_ot_free);
+
 }  // namespace
 
 extern "C" {
+
+obs_sdk_policy_provider *obs_get_ot_sdk_policy_provider(void) {
+    return &ot_provider;
+}
+
+obs_sdk_policy_provider *obs_get_ot_monitor_sdk_policy_provider(void) {
+    return &ot_monitor_provider;
+}
 
 obs_policy *sdk_policy_ot_apply_translate(void *, const char *, obs_policy *record) {
     obs_policy *copy = obs_policy_clone_one(record, 0);

@@ -75,10 +75,9 @@ struct obs_policy_ctx {
     obs_policy_handler_fn handler;
 };
 
-/* The built-in provider records; process-wide, writable, the same table on every call. */
+/* The built-in monitor record (class OBS_POLICY_PROVIDER_MONITOR, name "monitor"); process-wide,
+ * writable, the same table on every call. The sampling SDK's records are in policy_ot.h. */
 OBS_EXPORT obs_sdk_policy_provider *obs_get_monitor_sdk_policy_provider(void);
-OBS_EXPORT obs_sdk_policy_provider *obs_get_ot_sdk_policy_provider(void);
-OBS_EXPORT obs_sdk_policy_provider *obs_get_ot_monitor_sdk_policy_provider(void);
 
 /* A malloc'd copy of the default template (class OBS_POLICY_PROVIDER_DEFAULT, version "1.0")
  * named by a malloc'd copy of name; the caller frees the name and the table. Null for an

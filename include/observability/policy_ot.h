@@ -52,6 +52,12 @@ typedef struct obs_policy_ot {
     struct obs_policy_ot *next;
 } obs_policy_ot;
 
+/* The sampling SDK's provider records: "obs" (class OBS_POLICY_PROVIDER_SDK) and "obs-monitor"
+ * (class OBS_POLICY_PROVIDER_MONITOR), both translating with sdk_policy_ot_apply_translate and
+ * releasing with sdk_policy_ot_free; process-wide, writable, the same table on every call. */
+OBS_EXPORT obs_sdk_policy_provider *obs_get_ot_sdk_policy_provider(void);
+OBS_EXPORT obs_sdk_policy_provider *obs_get_ot_monitor_sdk_policy_provider(void);
+
 /* First entry whose scope_name equals scope_name, or null. */
 OBS_EXPORT obs_policy_ot *obs_policy_ot_find(obs_policy_ot *list, const char *scope_name);
 /* Setting for the signal: 1 (off) for sampling 0 and 1, 2 for sampling 2; for a sampler the
