@@ -71,8 +71,10 @@ obs_key_value *pairs_of(const obs_policy *policy) {
     add_int(&m, "format", policy->format);
     add_int(&m, "seq_id", static_cast<int64_t>(policy->seq_id));
     add_text(&m, "traceid", policy->traceid);
-    add_payload(&m, "codec_vlen", "codec_val", policy->codec_val, policy->codec_vlen,
-                policy->format & OBS_POLICY_FORMAT_CODEC_BYTES);
+    // A translated entry chain is this process's memory (addresses included): it never leaves.
+    if (!(policy->dispatch_flags & OBS_POLICY_FLAG_TRANSLATED))
+        add_payload(&m, "codec_vlen", "codec_val", policy->codec_val, policy->codec_vlen,
+                    policy->format & OBS_POLICY_FORMAT_CODEC_BYTES);
     add_payload(&m, "raw_vlen", "raw_val", policy->raw_val, policy->raw_vlen,
                 policy->format & OBS_POLICY_FORMAT_RAW_BYTES);
     if (count_pairs(m.head) == m.wanted) return m.head;

@@ -42,7 +42,10 @@ obs_policy *obs_policy_clone_one(const obs_policy *src, int with_codec) {
     copy->dispatch_flags &= ~OBS_POLICY_FLAG_TRANSLATED;
     copy->raw_val =
         src->raw_val && src->raw_vlen ? obs::copy_block(src->raw_val, src->raw_vlen) : nullptr;
-    if (with_codec && src->codec_val && src->codec_vlen) {
+    // A translated entry chain is not bytes to copy: a copy would hold its addresses as a plain
+    // block, fit to be sent.
+    const bool translated = src->dispatch_flags & OBS_POLICY_FLAG_TRANSLATED;
+    if (with_codec && src->codec_val && src->codec_vlen && !translated) {
         copy->codec_val = obs::copy_block(src->codec_val, src->codec_vlen);
     } else {
         copy->codec_val = nullptr;

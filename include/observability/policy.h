@@ -95,8 +95,8 @@ OBS_EXPORT void obs_policy_set_dispatch_translator(obs_policy_ctx *ctx,
 OBS_EXPORT void obs_policy_set_free(obs_policy_ctx *ctx, obs_policy_free_fn fn);
 
 /* Copy one record (next null): texts and raw_val copied; codec_val copied only when
- * with_codec is non-zero (otherwise null with codec_vlen 0). The copy never carries
- * OBS_POLICY_FLAG_TRANSLATED: what it holds is a plain copy. Null for null or out of memory. */
+ * with_codec is non-zero and the source is not marked OBS_POLICY_FLAG_TRANSLATED (otherwise null
+ * with codec_vlen 0). The copy never carries the mark. Null for null or out of memory. */
 OBS_EXPORT obs_policy *obs_policy_clone_one(const obs_policy *src, int with_codec);
 
 /* Release a record list. When the first record's owner has a provider free, that is called
@@ -109,7 +109,8 @@ OBS_EXPORT void obs_set_tls_api(void *api);
 
 /* Encode the first record of policy as a message. On success *text receives a malloc'd
  * NUL-terminated copy (the caller frees it) and *len its length with the terminator; on
- * failure neither is touched. A byte payload of length 0 is left out (its length entry stays). */
+ * failure neither is touched. A byte payload of length 0 is left out (its length entry stays).
+ * The codec value of a record marked OBS_POLICY_FLAG_TRANSLATED is left out with its length. */
 OBS_EXPORT void obs_policy_internal_encode(const obs_policy *policy, char **text, uint32_t *len);
 
 /* Decode a message into a new record in *out; *out is untouched when the message does not parse

@@ -8,6 +8,7 @@
 #include "observability_api.h"
 #include "support/log_capture.h"
 #include "support/scripted_ipc.h"
+#include "support/value_text.h"
 
 namespace {
 
@@ -128,6 +129,33 @@ TEST_F(IntakeTest, QueriesAreAnsweredByReportUnlessAlreadyAnsweredOrUnanswerable
     EXPECT_EQ("sdk_policy_subscribe_handler:N read policy=" + key +
                   " len=" + std::to_string(scripted_.stored[key].size()) + " ret=0",
               unnumbered_lines("sdk_policy_subscribe_handler").at(1));
+}
+
+// A query whose codec text translates is answered with a report that carries no byte of the
+// translated entry chain (its addresses would go to whoever reads reports).
+TEST(IntakeQueryTest, ReportsOfTranslatedQueriesCarryNoEntryChain) {
+    using namespace obs_test;
+    const std::string policy =
+        kvlist({pair("scope_name", str("xxxxxxx")), pair("sampling", integer(2)),
+                pair("log_level", integer(3))});
+    ASSERT_EQ(policy.size(), 124u);
+    const std::string query =
+        kvlist({pair("reqid", str("q")), pair("type", integer(0)), pair("op", integer(4)),
+                pair("format", integer(16)), pair("seq_id", integer(0)),
+                pair("codec_vlen", integer(125)), pair("codec_val", str(policy))});
+    ScriptedIpc scripted;
+    obs_policy_ctx *ctx = obs_policy_ctx_init(
+        nullptr, "svc", [](obs_policy_ctx *, const char *, obs_policy *, void *) {},
+        scripted.table(), obs_get_ot_sdk_policy_provider());
+    ASSERT_NE(nullptr, ctx);
+    const std::string policy_key = root + "service{svc}/scope{default}/obs";
+    sdk_policy_subscribe_handler(ctx, OBS_IPC_EVENT_SET, policy_key.c_str(), policy_key.c_str(),
+                                 query.c_str(), static_cast<int>(query.size() + 1));
+    obs_policy_ctx_free(ctx);
+    ASSERT_EQ(1u, scripted.sends.size());
+    const std::string &report = scripted.sends[0].data;
+    EXPECT_EQ(report.find("codec_"), std::string::npos) << report;
+    EXPECT_NE(report.find(pair("raw_val", str("there is no policy"))), std::string::npos) << report;
 }
 
 TEST_F(IntakeTest, FetchDecodesAndPullDeliversTheStoredDefaultPolicy) {

@@ -11,27 +11,15 @@
 
 #include "observability_api.h"
 #include "support/log_capture.h"
+#include "support/value_text.h"
 
 namespace {
 
-std::string node(const std::string &name, const std::string &payload) {
-    return "{" + name + " " + std::to_string(payload.size()) + " " + payload + "}";
-}
-std::string str(const std::string &text) {
-    return node("str", "\"" + text + "\"");
-}
-std::string integer(long long value) {
-    return node("int", std::to_string(value));
-}
-std::string pair(const std::string &key, const std::string &value_text) {
-    return "{str " + std::to_string(key.size() + 2) + " \"" + key + "\" " +
-           std::to_string(value_text.size()) + " " + value_text + "}";
-}
-std::string message(const std::vector<std::string> &pairs) {
-    std::string joined;
-    for (const std::string &p : pairs) joined += (joined.empty() ? "" : ",") + p;
-    return node("kvlist", std::to_string(pairs.size()) + " [" + joined + "]");
-}
+using obs_test::integer;
+using obs_test::node;
+using obs_test::pair;
+using obs_test::str;
+const auto message = obs_test::kvlist;
 std::vector<std::string> integer_pairs(int type, int op, int format, long long seq_id) {
     return {pair("type", integer(type)), pair("op", integer(op)), pair("format", integer(format)),
             pair("seq_id", integer(seq_id))};
@@ -118,7 +106,7 @@ TEST_F(MessageCodecTest, EveryFieldIsSentInOrderAndComesBack) {
     char reqid[] = "r-1", name[] = "obs", path[] = "/p/obs", traceid[] = "t-9", codec[] = "a\"c";
     char raw[] = "x\xff";
     auto *owner = reinterpret_cast<obs_policy_ctx *>(0x10);
-    const uint32_t marks = 0x20 | OBS_POLICY_FLAG_TRANSLATED;
+    const uint32_t marks = OBS_POLICY_FLAG_CLAIMED;
     const struct {
         uint8_t format;
         uint64_t seq_id;

@@ -102,18 +102,22 @@ TEST_F(PolicyProviderTest, PolicyInitGivesAZeroedContextWithItsOwnNameCopy) {
 }
 
 TEST(PolicyCloneTest, CopyOwnsItsBuffersAndTakesPayloadsOnlyWhenAskedAndNotEmpty) {
+    // A translated source's codec value is an entry chain in memory, never copied as bytes.
     const struct {
         int with_codec;
         uint32_t codec_vlen, raw_vlen;
-    } cases[] = {{1, 6, 5}, {0, 6, 5}, {1, 0, 5}, {1, 6, 0}};
+        bool translated;
+    } cases[] = {
+        {1, 6, 5, false}, {0, 6, 5, false}, {1, 0, 5, false}, {1, 6, 0, false}, {1, 6, 5, true}};
     obs_policy_ctx owner{};
     for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message()
-                     << c.with_codec << " " << c.codec_vlen << " " << c.raw_vlen);
+        SCOPED_TRACE(testing::Message() << c.with_codec << " " << c.codec_vlen << " " << c.raw_vlen
+                                        << " " << c.translated);
         obs_policy *source = full_record("obs", full_record("second"));
         source->codec_vlen = c.codec_vlen;
         source->raw_vlen = c.raw_vlen;
         source->owner = &owner;
+        if (!c.translated) source->dispatch_flags &= ~OBS_POLICY_FLAG_TRANSLATED;
         obs_policy *copy = obs_policy_clone_one(source, c.with_codec);
         ASSERT_NE(nullptr, copy);
         EXPECT_EQ(source->op, copy->op);
@@ -127,7 +131,7 @@ TEST(PolicyCloneTest, CopyOwnsItsBuffersAndTakesPayloadsOnlyWhenAskedAndNotEmpty
             EXPECT_NE(source->*text, copy->*text);
             EXPECT_STREQ(source->*text, copy->*text);
         }
-        const bool with_codec = c.with_codec && c.codec_vlen;
+        const bool with_codec = c.with_codec && c.codec_vlen && !c.translated;
         EXPECT_EQ(with_codec ? 6u : 0u, copy->codec_vlen);
         EXPECT_EQ(with_codec, copy->codec_val && !memcmp(source->codec_val, copy->codec_val, 6));
         EXPECT_EQ(c.raw_vlen, copy->raw_vlen);

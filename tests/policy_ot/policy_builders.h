@@ -10,8 +10,16 @@
 #include <vector>
 
 #include "observability_api.h"
+#include "support/value_text.h"
 
 namespace policy_ot_test {
+
+using obs_test::integer;
+using obs_test::joined;
+using obs_test::kvlist;
+using obs_test::node;
+using obs_test::pair;
+using obs_test::str;
 
 // The two example policies: scope "default" all on with log level 3; every scope with one
 // sampler s1, traces on and metrics off.
@@ -75,30 +83,6 @@ size_t length_of(const Node *list) {
     size_t n = 0;
     for (; list; list = list->next) ++n;
     return n;
-}
-
-// Texts in the value format: a node, an int, a str, one key-value pair, a kvlist of pairs and a
-// list of values.
-inline std::string node(const std::string &type, const std::string &payload) {
-    return "{" + type + " " + std::to_string(payload.size()) + " " + payload + "}";
-}
-inline std::string integer(long long value) {
-    return node("int", std::to_string(value));
-}
-inline std::string str(const std::string &text) {
-    return node("str", "\"" + text + "\"");
-}
-inline std::string pair(const std::string &key, const std::string &value) {
-    return "{str " + std::to_string(key.size() + 2) + " \"" + key + "\" " +
-           std::to_string(value.size()) + " " + value + "}";
-}
-inline std::string joined(const std::vector<std::string> &items) {
-    std::string text;
-    for (const std::string &item : items) text += (text.empty() ? "" : ",") + item;
-    return "[" + text + "]";
-}
-inline std::string kvlist(const std::vector<std::string> &pairs) {
-    return node("kvlist", std::to_string(pairs.size()) + " " + joined(pairs));
 }
 
 }  // namespace policy_ot_test

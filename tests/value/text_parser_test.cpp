@@ -5,25 +5,18 @@
 #include <string>
 
 #include "observability_api.h"
+#include "support/value_text.h"
 
 namespace {
+
+using obs_test::node;
+using obs_test::pair;
 
 std::string encode(const obs_any_value *head) {
     obs_sds sds = obs_any_value_encode(head);
     std::string text = sds ? sds : "<null>";
     obs_sdsfree(sds);
     return text;
-}
-
-// "{name length payload}" with the length off by length_error.
-std::string node(const std::string &name, const std::string &payload, int length_error = 0) {
-    return "{" + name + " " + std::to_string(int(payload.size()) + length_error) + " " + payload +
-           "}";
-}
-
-std::string pair(const std::string &key, const std::string &value_text) {
-    return "{str " + std::to_string(key.size() + 2) + " \"" + key + "\" " +
-           std::to_string(value_text.size()) + " " + value_text + "}";
 }
 
 // levels containers around one node: arrays, or kvlists each holding a list (two levels a step).
