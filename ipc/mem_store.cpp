@@ -90,12 +90,6 @@ bool has_member(const index_entry *entry, const char *name) {
     return false;
 }
 
-uint32_t member_count(const index_entry *entry) {
-    uint32_t count = 0;
-    for (const index_member *member = entry->members; member; member = member->next) ++count;
-    return count;
-}
-
 void release_members(char **members, uint32_t count) {
     for (uint32_t i = 0; i < count; ++i) free(members[i]);
     free(members);
@@ -121,7 +115,7 @@ size_t describe_into(char *out, size_t size) {
                            static_cast<unsigned long>(value->len));
     for (const index_entry *entry = indexes; entry; entry = entry->next)
         used = append_line(out, size, used, "index %s members %lu\n", entry->key,
-                           static_cast<unsigned long>(member_count(entry)));
+                           static_cast<unsigned long>(list_length(entry->members)));
     for (const subscription *sub = subscriptions; sub; sub = sub->next)
         used = append_line(out, size, used, "subscription %s\n", sub->path);
     return used;
@@ -213,7 +207,7 @@ int store_list_members(const char *index_key, char ***members, uint32_t *count) 
     *members = nullptr;
     *count = 0;
     const index_entry *entry = *find_link(&indexes, index_key);
-    const uint32_t listed = entry ? member_count(entry) : 0;
+    const uint32_t listed = entry ? list_length(entry->members) : 0;
     if (listed == 0) return OBS_OK;
     auto *names = static_cast<char **>(calloc(listed, sizeof(char *)));
     if (!names) return OBS_ERR_FAILED;

@@ -176,12 +176,12 @@ void sdk_policy_service_report_handler(void *context, int op, const char *path, 
     auto *ctx = static_cast<obs_policy_ctx *>(context);
     if (!ctx || op == OBS_IPC_EVENT_DELETE || !ctx->provider) return;
     OBS_LOG("path=%s len=%d", obs::text_or_na(path), len);
-    char service[256] = {};
-    if (obs_path_to_channel_field_str(path, service, nullptr, sizeof service) != 0) return;
+    obs::name_field service;
+    if (!obs::service_of(path, &service)) return;
     obs_policy *report = decode_report(data, len);
-    if (report && report->path) name_reporting_service(report, service);
+    if (report && report->path) name_reporting_service(report, service.text);
     if (obs_policy_service_report_fn handler = ctx->provider->service_report_handler)
-        handler(ctx, service, report);
+        handler(ctx, service.text, report);
     obs_policy_free(report);
 }
 

@@ -193,16 +193,17 @@ obs_policy *sdk_policy_decode(obs_policy_ctx *ctx, int op, const char *path,
 void sdk_policy_subscribe_handler(void *context, int op, const char *path, const char *,
                                   const void *data, int len) {
     auto *ctx = static_cast<obs_policy_ctx *>(context);
-    char service[256] = {};
-    if (obs_path_to_channel_field_str(path, service, nullptr, sizeof service) != 0) {
+    obs::name_field service;
+    if (!obs::service_of(path, &service)) {
         OBS_LOG("policy path is not valid, %s", obs::text_or_na(path));
         return;
     }
-    obs_policy *list = sdk_policy_decode(ctx, op, path, service, data, len);
+    obs_policy *list = sdk_policy_decode(ctx, op, path, service.text, data, len);
     if (!list) return;
     OBS_LOG("policy handler found, run it");
-    ctx->handler(ctx, service, list, ctx->user_ctx);
-    if (list->op == OBS_POLICY_OP_QUERY) answer_query(ctx, {op, path, service, __func__}, list);
+    ctx->handler(ctx, service.text, list, ctx->user_ctx);
+    if (list->op == OBS_POLICY_OP_QUERY)
+        answer_query(ctx, {op, path, service.text, __func__}, list);
     release_received(ctx, list);
 }
 

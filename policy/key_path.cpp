@@ -41,6 +41,11 @@ key_path report_key(const char *service) {
     return format_key(OBS_IPC_KEY_ROOT "service{%s}/report", service);
 }
 
+bool service_of(const char *path, name_field *service) {
+    return obs_path_to_channel_field_str(path, service->text, nullptr, sizeof service->text) ==
+           OBS_OK;
+}
+
 key_path record_path(const char *root, const char *service, const char *scope, const char *sdk) {
     return format_key("%s/service{%s}/scope{%s}/%s", root, service, scope, sdk);
 }

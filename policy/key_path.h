@@ -50,6 +50,13 @@ key_path policy_key(const char *service, const char *scope, const char *sdk);
 /* Reports of a service. */
 key_path report_key(const char *service);
 
+/* A service, scope or SDK name taken out of a path, cut at 255 characters. */
+struct name_field {
+    char text[256] = {};
+};
+/* The service a key path names (the text between its first braces); false when it names none. */
+bool service_of(const char *path, name_field *service);
+
 /* Logical path carried in a published record, under root (no trailing "/"). */
 key_path record_path(const char *root, const char *service, const char *scope, const char *sdk);
 /* Logical path of a received report renamed after its service: prefix is the old path up to

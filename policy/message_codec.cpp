@@ -9,6 +9,7 @@
 #include "observability/policy.h"
 #include "observability/sds.h"
 #include "observability/value.h"
+#include "support/list.h"
 #include "support/log.h"
 #include "support/owned_copy.h"
 #include "value/bounded_text.h"
@@ -21,12 +22,6 @@ struct message_pairs {
     obs_key_value *head;
     uint32_t wanted;
 };
-
-uint32_t count_pairs(const obs_key_value *pairs) {
-    uint32_t count = 0;
-    for (; pairs; pairs = pairs->next) ++count;
-    return count;
-}
 
 void add_text(message_pairs *m, const char *key, const char *text) {
     if (!text) return;
@@ -77,7 +72,7 @@ obs_key_value *pairs_of(const obs_policy *policy) {
                     policy->format & OBS_POLICY_FORMAT_CODEC_BYTES);
     add_payload(&m, "raw_vlen", "raw_val", policy->raw_val, policy->raw_vlen,
                 policy->format & OBS_POLICY_FORMAT_RAW_BYTES);
-    if (count_pairs(m.head) == m.wanted) return m.head;
+    if (obs::list_length(m.head) == m.wanted) return m.head;
     obs_key_value_free(m.head);
     return nullptr;
 }

@@ -154,10 +154,10 @@ void sdk_policy_service_online_handler(void *context, int, const char *path, con
     auto *ctx = static_cast<obs_policy_ctx *>(context);
     if (!ctx || !data || len <= 0 || !ctx->provider) return;
     OBS_LOG("path=%s len=%d", obs::text_or_na(path), len);
-    char service[256] = {};
-    if (obs_path_to_channel_field_str(path, service, nullptr, sizeof service) != 0) return;
+    obs::name_field service;
+    if (!obs::service_of(path, &service)) return;
     if (obs_policy_service_online_fn online = ctx->provider->service_online_handler)
-        online(ctx, service, data);
+        online(ctx, service.text, data);
 }
 
 }  // extern "C"

@@ -13,14 +13,12 @@ namespace {
 constexpr char default_root[] = "/kuv/opa";
 constexpr char default_scope[] = "default";
 
-using name_field = char[256];
-
 // Service, scope and SDK name taken out of a path; empty where the path gave nothing.
 struct path_names {
-    name_field service = {}, scope = {}, sdk = {};
+    obs::name_field service, scope, sdk;
 
     void split(const char *path) {
-        obs_parser_service_scope(path, service, scope, sdk, sizeof service);
+        obs_parser_service_scope(path, service.text, scope.text, sdk.text, sizeof service.text);
     }
 };
 
@@ -92,18 +90,19 @@ const char *choose_sdk(const obs_sdk_policy_provider *provider, const obs_policy
                        path_names *from_record) {
     if (provider->type & OBS_POLICY_PROVIDER_MONITOR) return provider->name;
     if (rec->path) from_record->split(rec->path);
-    if (is_any(from_record->service)) from_record->service[0] = '\0';
-    if (is_any(from_record->scope)) strcpy(from_record->scope, default_scope);
-    if (is_any(from_record->sdk)) from_record->sdk[0] = '\0';
+    if (is_any(from_record->service.text)) from_record->service.text[0] = '\0';
+    if (is_any(from_record->scope.text)) strcpy(from_record->scope.text, default_scope);
+    if (is_any(from_record->sdk.text)) from_record->sdk.text[0] = '\0';
     if (rec->name) return rec->name;
-    return is_empty(from_record->sdk) ? provider->name : from_record->sdk;
+    return is_empty(from_record->sdk.text) ? provider->name : from_record->sdk.text;
 }
 
 // No target scope, or "*", means "default"; "*" as service or SDK means any.
 void widen_target(path_names *target) {
-    if (is_any(target->service)) target->service[0] = '\0';
-    if (is_empty(target->scope) || is_any(target->scope)) strcpy(target->scope, default_scope);
-    if (is_any(target->sdk)) target->sdk[0] = '\0';
+    if (is_any(target->service.text)) target->service.text[0] = '\0';
+    if (is_empty(target->scope.text) || is_any(target->scope.text))
+        strcpy(target->scope.text, default_scope);
+    if (is_any(target->sdk.text)) target->sdk.text[0] = '\0';
 }
 
 void send_to_scope(obs_policy_ctx *ctx, obs_policy *rec, const char *service, const char *scope,
@@ -116,14 +115,15 @@ void send_to_scope(obs_policy_ctx *ctx, obs_policy *rec, const char *service, co
 void send_to_matching_scopes(obs_policy_ctx *ctx, obs_policy *rec,
                              const obs_policy_service *service, const path_names &from_record,
                              const path_names &target, const char *sdk) {
-    if (!is_empty(from_record.service) && differ(from_record.service, service->name)) return;
-    if (!is_empty(target.sdk) && !is_empty(from_record.sdk) &&
-        strcmp(target.sdk, from_record.sdk) != 0)
+    if (!is_empty(from_record.service.text) && differ(from_record.service.text, service->name))
+        return;
+    if (!is_empty(target.sdk.text) && !is_empty(from_record.sdk.text) &&
+        strcmp(target.sdk.text, from_record.sdk.text) != 0)
         return;
     for (uint32_t i = 0; service->scopes && i < service->scope_count; ++i) {
         const char *scope = service->scopes[i];
-        if (differ(target.scope, scope)) continue;
-        if (!is_empty(from_record.scope) && differ(from_record.scope, scope)) continue;
+        if (differ(target.scope.text, scope)) continue;
+        if (!is_empty(from_record.scope.text) && differ(from_record.scope.text, scope)) continue;
         send_to_scope(ctx, rec, service->name, scope, sdk);
     }
 }
@@ -173,12 +173,12 @@ int obs_policy_publish(obs_policy_ctx *ctx, obs_policy *rec, const char *target,
     widen_target(&to);
     OBS_LOG("policy=%s sdk=%s target=%s", obs::text_or_na(rec->name), provider->name,
             target ? target : obs::text_or_na(rec->path));
-    if (!is_empty(to.sdk) && strcmp(to.sdk, sdk) != 0) return OBS_ERR_TARGET_MISMATCH;
+    if (!is_empty(to.sdk.text) && strcmp(to.sdk.text, sdk) != 0) return OBS_ERR_TARGET_MISMATCH;
     for (const obs_policy_service *service = services; service; service = service->next) {
         if (!service->name || !lists(service->sdks, service->sdk_count, sdk)) continue;
-        if (!is_empty(to.service) && strcmp(to.service, service->name) != 0) continue;
+        if (!is_empty(to.service.text) && strcmp(to.service.text, service->name) != 0) continue;
         if (provider->type & OBS_POLICY_PROVIDER_MONITOR) {
-            send_to_scope(ctx, rec, service->name, to.scope, sdk);
+            send_to_scope(ctx, rec, service->name, to.scope.text, sdk);
         } else {
             send_to_matching_scopes(ctx, rec, service, from_record, to, sdk);
         }

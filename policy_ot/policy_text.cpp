@@ -8,6 +8,7 @@
 
 #include "observability/policy_ot.h"
 #include "observability/sds.h"
+#include "policy_ot/sampler_list.h"
 #include "support/list.h"
 #include "value/bounded_text.h"
 #include "value/deep_copy.h"
@@ -51,7 +52,8 @@ int32_t low_word(obs_key_value *pairs, const char *key) {
 // make the sampling a pointer.
 bool find_sampling(obs_key_value *pairs, obs_sampling *out) {
     int64_t value = -1;
-    if (!find_int(pairs, "sampling", &value) || value < 0 || value > OBS_SAMPLING_ON) return false;
+    if (!find_int(pairs, "sampling", &value) || value < 0 || value > OBS_SAMPLING_ALL_ON)
+        return false;
     *out = static_cast<obs_sampling>(value);
     return true;
 }
@@ -159,17 +161,12 @@ void add_chain(obs_key_value **pairs, const char *key, obs_any_value *chain) {
     if (!*pairs) obs_any_value_free(chain);
 }
 
-bool is_sampler_list(obs_sampling sampling) {
-    return sampling > OBS_SAMPLING_ON;
-}
-
 obs_key_value *entry_pairs(const obs_policy_ot *entry) {
     obs_key_value *pairs = nullptr;
     if (entry->signal) obs_key_value_add_int(&pairs, "signal", entry->signal);
     if (entry->scope_name) obs_key_value_add_str(&pairs, "scope_name", entry->scope_name, 0);
-    if (is_sampler_list(entry->sampler)) {
-        sdk_policy_ot_sampler_encode(
-            &pairs, reinterpret_cast<const obs_policy_ot_sampler *>(entry->sampler));
+    if (obs::is_sampler_list(entry->sampler)) {
+        sdk_policy_ot_sampler_encode(&pairs, obs::sampler_list(entry->sampler));
     } else if (entry->sampler) {
         obs_key_value_add_int(&pairs, "sampling", static_cast<int64_t>(entry->sampler));
     }
@@ -250,8 +247,8 @@ void sdk_policy_ot_rule_to_key_value(const char *key, const obs_policy_ot_rule *
 }
 
 void sdk_policy_ot_sampler_from_key_value(obs_key_value *pairs, obs_sampling *sampling) {
-    if (!sampling || *sampling == OBS_SAMPLING_OFF || *sampling == OBS_SAMPLING_ON) return;
-    auto *head = reinterpret_cast<obs_policy_ot_sampler *>(*sampling);
+    if (!sampling || *sampling == OBS_SAMPLING_ALL_OFF || *sampling == OBS_SAMPLING_ALL_ON) return;
+    obs_policy_ot_sampler *head = obs::sampler_list(*sampling);
     obs_policy_ot_sampler **tail = &head;
     obs_any_value *chain = obs_key_value_get_val(obs_key_value_find(pairs, "sampler"));
     for (; chain; chain = chain->next) {
@@ -262,7 +259,7 @@ void sdk_policy_ot_sampler_from_key_value(obs_key_value *pairs, obs_sampling *sa
         obs::list_append(tail, sampler);
         tail = &sampler->next;
     }
-    *sampling = reinterpret_cast<obs_sampling>(head);
+    *sampling = obs::as_sampling(head);
 }
 
 void sdk_policy_ot_rule_from_key_value(const char *key, obs_key_value *pairs,

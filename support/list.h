@@ -1,9 +1,18 @@
 // The library's lists are singly linked through next, with a null head for an empty list. These
-// are the one way they are appended to, copied and released.
+// are the one way they are appended to, counted, copied and released.
 #ifndef OBS_SUPPORT_LIST_H
 #define OBS_SUPPORT_LIST_H
 
+#include <cstdint>
+
 namespace obs {
+
+template <typename Node>
+uint32_t list_length(const Node *list) {
+    uint32_t length = 0;
+    for (; list; list = list->next) ++length;
+    return length;
+}
 
 // Links item (and whatever hangs behind it) after the last element of *head, or makes it the
 // head of an empty list. There is no tail pointer: each append walks the list.
@@ -26,6 +35,24 @@ Node *list_copy(const Node *list, int only_first, Copy copy_one) {
             *link = twin;
             link = &twin->next;
         }
+    }
+    return copy;
+}
+
+// As list_copy, but all or nothing: when copy_one fails for one element, the copies made so far
+// are released with release_list and the result is null.
+template <typename Node, typename Copy, typename Release>
+Node *list_copy_all(const Node *list, int only_first, Copy copy_one, Release release_list) {
+    Node *copy = nullptr;
+    Node **link = &copy;
+    for (; list; list = only_first ? nullptr : list->next) {
+        Node *twin = copy_one(list);
+        if (!twin) {
+            release_list(copy);
+            return nullptr;
+        }
+        *link = twin;
+        link = &twin->next;
     }
     return copy;
 }

@@ -11,10 +11,6 @@ namespace {
 constexpr const char *type_names[] = {"na",     "str",   "bool",   "int",
                                       "double", "array", "kvlist", "byte"};
 
-constexpr uint8_t type_code(uint8_t type) {
-    return type & 0x0f;
-}
-
 constexpr uint8_t with_borrow(uint8_t code, int borrow) {
     return borrow ? code | OBS_VALUE_REF : code;
 }
@@ -26,7 +22,7 @@ bool fill_node(obs_any_value *node, uint8_t type, const void *src, uint32_t size
     node->type = type;
     node->vlen = size;
     node->next = nullptr;
-    switch (type_code(type)) {
+    switch (OBS_VALUE_TYPE_CODE(type)) {
         case OBS_VALUE_STR:
             node->val.ptr = borrowed
                                 ? const_cast<void *>(src)
@@ -58,7 +54,7 @@ bool fill_node(obs_any_value *node, uint8_t type, const void *src, uint32_t size
 
 /* What a node owns; its own next and the node itself are the caller's business. */
 void release_payload(obs_any_value *node) {
-    switch (type_code(node->type)) {
+    switch (OBS_VALUE_TYPE_CODE(node->type)) {
         case OBS_VALUE_STR:
         case OBS_VALUE_BYTES:
             free(node->val.ptr);
@@ -77,12 +73,6 @@ void release_payload(obs_any_value *node) {
         default:
             break;
     }
-}
-
-uint32_t count_pairs(const obs_key_value *pairs) {
-    uint32_t count = 0;
-    for (; pairs; pairs = pairs->next) ++count;
-    return count;
 }
 
 }  // namespace
@@ -136,7 +126,7 @@ void obs_any_value_add_array(obs_any_value **head, obs_any_value *elements, uint
 
 void obs_any_value_add_kvlist(obs_any_value **head, obs_key_value *pairs, int borrow) {
     obs_any_value_add_generic(head, with_borrow(OBS_VALUE_KVLIST, borrow), pairs,
-                              count_pairs(pairs));
+                              obs::list_length(pairs));
 }
 
 void obs_any_value_add_list(obs_any_value **head, obs_any_value *node) {
@@ -185,7 +175,7 @@ double obs_any_value_get_double(const obs_any_value *node) {
 
 void *obs_any_value_get_val(obs_any_value *node, uint8_t type) {
     if (!node) return nullptr;
-    switch (type_code(type)) {
+    switch (OBS_VALUE_TYPE_CODE(type)) {
         case OBS_VALUE_STR:
         case OBS_VALUE_ARRAY:
         case OBS_VALUE_KVLIST:
@@ -201,7 +191,7 @@ void *obs_any_value_get_val(obs_any_value *node, uint8_t type) {
 }
 
 const char *obs_any_value_type_name(uint8_t type) {
-    const uint8_t code = type_code(type);
+    const uint8_t code = OBS_VALUE_TYPE_CODE(type);
     return code < sizeof type_names / sizeof type_names[0] ? type_names[code] : type_names[0];
 }
 
@@ -219,19 +209,16 @@ void obs_any_value_free(obs_any_value *node) {
 }
 
 obs_any_value *obs_any_value_clone(const obs_any_value *node, int only_first) {
-    obs_any_value *copy = nullptr;
-    obs_any_value **link = &copy;
-    for (; node; node = only_first ? nullptr : node->next) {
-        auto *twin = static_cast<obs_any_value *>(malloc(sizeof(obs_any_value)));
-        if (!twin) {
-            obs_any_value_free(copy);
-            return nullptr;
-        }
-        *twin = *node;
-        twin->type |= OBS_VALUE_REF;
-        twin->next = nullptr;
-        *link = twin;
-        link = &twin->next;
-    }
-    return copy;
+    return obs::list_copy_all(
+        node, only_first,
+        [](const obs_any_value *src) {
+            auto *twin = static_cast<obs_any_value *>(malloc(sizeof(obs_any_value)));
+            if (twin) {
+                *twin = *src;
+                twin->type |= OBS_VALUE_REF;
+                twin->next = nullptr;
+            }
+            return twin;
+        },
+        obs_any_value_free);
 }

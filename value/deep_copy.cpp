@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "support/list.h"
 #include "support/owned_copy.h"
 #include "value/deep_copy.h"
 
@@ -26,7 +27,7 @@ obs_any_value *copy_elements(const obs_any_value *elements, uint32_t count) {
 // Gives node, a bitwise copy of src, a payload of its own; false when memory runs out.
 bool own_payload(obs_any_value *node, const obs_any_value *src) {
     const void *payload = src->val.ptr;
-    switch (src->type & 0x0f) {
+    switch (OBS_VALUE_TYPE_CODE(src->type)) {
         case OBS_VALUE_STR:
             node->val.ptr = payload ? strdup(static_cast<const char *>(payload)) : nullptr;
             break;
@@ -58,21 +59,18 @@ bool copy_node_into(obs_any_value *node, const obs_any_value *src) {
     return own_payload(node, src);
 }
 
+obs_any_value *copy_node(const obs_any_value *src) {
+    auto *node = static_cast<obs_any_value *>(malloc(sizeof(obs_any_value)));
+    if (node && !copy_node_into(node, src)) {
+        free(node);
+        return nullptr;
+    }
+    return node;
+}
+
 // The whole chain from node, or null when memory runs out.
 obs_any_value *copy_chain(const obs_any_value *node) {
-    obs_any_value *copy = nullptr;
-    obs_any_value **link = &copy;
-    for (; node; node = node->next) {
-        auto *twin = static_cast<obs_any_value *>(malloc(sizeof(obs_any_value)));
-        if (!twin || !copy_node_into(twin, node)) {
-            free(twin);
-            obs_any_value_free(copy);
-            return nullptr;
-        }
-        *link = twin;
-        link = &twin->next;
-    }
-    return copy;
+    return obs::list_copy_all(node, 0, copy_node, obs_any_value_free);
 }
 
 obs_key_value *copy_pair(const obs_key_value *src) {
@@ -90,16 +88,5 @@ obs_key_value *copy_pair(const obs_key_value *src) {
 }  // namespace
 
 obs_key_value *obs::key_value_deep_copy(const obs_key_value *list) {
-    obs_key_value *copy = nullptr;
-    obs_key_value **link = &copy;
-    for (; list; list = list->next) {
-        obs_key_value *pair = copy_pair(list);
-        if (!pair) {
-            obs_key_value_free(copy);
-            return nullptr;
-        }
-        *link = pair;
-        link = &pair->next;
-    }
-    return copy;
+    return obs::list_copy_all(list, 0, copy_pair, obs_key_value_free);
 }

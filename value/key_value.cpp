@@ -108,18 +108,16 @@ void obs_key_value_free(obs_key_value *list) {
 }
 
 obs_key_value *obs_key_value_clone(const obs_key_value *list, int only_first) {
-    obs_key_value *copy = nullptr;
-    obs_key_value **link = &copy;
-    for (; list; list = only_first ? nullptr : list->next) {
-        obs_key_value *pair = pair_new(list->key);
-        if (pair) pair->val = obs_any_value_clone(list->val, 0);
-        if (!pair || (list->val && !pair->val)) {
-            obs_key_value_free(pair);
-            obs_key_value_free(copy);
-            return nullptr;
-        }
-        *link = pair;
-        link = &pair->next;
-    }
-    return copy;
+    return obs::list_copy_all(
+        list, only_first,
+        [](const obs_key_value *src) {
+            obs_key_value *pair = pair_new(src->key);
+            if (pair) pair->val = obs_any_value_clone(src->val, 0);
+            if (pair && src->val && !pair->val) {
+                obs_key_value_free(pair);
+                return static_cast<obs_key_value *>(nullptr);
+            }
+            return pair;
+        },
+        obs_key_value_free);
 }

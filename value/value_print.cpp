@@ -20,7 +20,7 @@ void obs_hex_to_byte(void *dst, const char *src, uint32_t n) {
 const char *obs_any_value_print(const obs_any_value *node, char *buf, uint32_t size) {
     if (!node || !buf || !size) return "";
     const int count = static_cast<int>(node->vlen);
-    switch (node->type & 0x0f) {
+    switch (OBS_VALUE_TYPE_CODE(node->type)) {
         case OBS_VALUE_STR: {
             const char *str = static_cast<const char *>(node->val.ptr);
             snprintf(buf, size, "\"%s\"", str ? str : "");

@@ -40,6 +40,8 @@ typedef int (*obs_log_callback)(int, const char *);
 #define OBS_VALUE_BYTES 7
 /* Set in a node's type byte when the node does not own what it points to. */
 #define OBS_VALUE_REF 0x10
+/* The OBS_VALUE_* code of a node's type byte. */
+#define OBS_VALUE_TYPE_CODE(type) ((uint8_t)((type) & 0x0f))
 
 /* Results of int operations (the convention is stated in observability_api.h). */
 #define OBS_OK 0

@@ -16,6 +16,11 @@ extern "C" {
 #define OBS_SIGNAL_LOGS 2
 #define OBS_SIGNAL_METRICS 4
 
+/* Sampling values that are settings of their own; any other value is a sampler list. */
+#define OBS_SAMPLING_NONE 0 /* none given: reads as all off */
+#define OBS_SAMPLING_ALL_OFF 1
+#define OBS_SAMPLING_ALL_ON 2
+
 /* Per-signal settings of a sampler. */
 #define OBS_SAMPLING_UNSET 0
 #define OBS_SAMPLING_OFF 1

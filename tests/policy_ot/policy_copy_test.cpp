@@ -61,6 +61,35 @@ TEST(PolicyCloneTest, CopyOwnsEverythingItHoldsAndOutlivesTheSource) {
     EXPECT_EQ(encode(copy.get()), before);
 }
 
+// Nodes of the copy that kept the borrow mark would never release the payloads copied for them.
+void expect_owned(const obs_key_value *pairs) {
+    for (; pairs; pairs = pairs->next) {
+        SCOPED_TRACE(pairs->key);
+        ASSERT_NE(pairs->val, nullptr);
+        EXPECT_EQ(pairs->val->type & OBS_VALUE_REF, 0);
+        if (OBS_VALUE_TYPE_CODE(pairs->val->type) == OBS_VALUE_KVLIST)
+            expect_owned(obs_any_value_get_kvlist(pairs->val));
+    }
+}
+
+TEST(PolicyCloneTest, BorrowedPayloadsAreCopiedIntoNodesThatOwnThem) {
+    static const char borrowed[] = "the caller's";
+    obs_key_value *inner = nullptr;
+    obs_key_value_add_str(&inner, "s", borrowed, 1);
+    obs_key_value *kv = nullptr;
+    obs_key_value_add_str(&kv, "s", borrowed, 1);
+    obs_key_value_add_byte(&kv, "b", borrowed, 4, 1);
+    obs_key_value_add_kvlist(&kv, "nested", inner, 1);
+    obs_policy_ot_rule *rule = new_rule(kv, 1, 0);
+    obs_policy_ot_rule *copy = obs_policy_ot_rule_clone(rule, 0);
+    obs_policy_ot_rule_free(rule);
+    obs_key_value_free(inner);
+    ASSERT_NE(copy, nullptr);
+    expect_owned(copy->kv);
+    EXPECT_STREQ(obs_any_value_get_str(copy->kv->val), borrowed);
+    obs_policy_ot_rule_free(copy);
+}
+
 TEST(PolicyCloneTest, OnlyFirstCopiesOneEntryOrOneRule) {
     entries_ptr source = decode(rich_policy_text());
     entries_ptr first = own(obs_policy_ot_clone(source.get(), 1));
