@@ -93,4 +93,22 @@ TEST_F(TextEncoderTest, LargeDoublesAndLongByteBlocksReadBackUnchanged) {
     obs_any_value_free(back);
 }
 
+// Enough pairs and double texts to move the encoder's records from its stack to the heap and grow
+// them there several times while the walk is under way.
+TEST_F(TextEncoderTest, DocumentsOutgrowingTheStackAreWrittenWhole) {
+    obs_key_value *pairs = nullptr;
+    std::string expected_pairs;
+    for (int i = 0; i < 100; ++i) {
+        obs_key_value_add_double(&pairs, "k", i + 0.5);
+        const std::string digits = std::to_string(i + 0.5);
+        const std::string value = "{double " + std::to_string(digits.size()) + " " + digits + "}";
+        expected_pairs += (i ? ",{str 3 \"k\" " : "{str 3 \"k\" ") + std::to_string(value.size()) +
+                          " " + value + "}";
+    }
+    obs_any_value_add_kvlist(&head_, pairs, 0);
+    const std::string payload = "100 [" + expected_pairs + "]";
+    EXPECT_EQ(take_text(obs_any_value_encode(head_)),
+              "{kvlist " + std::to_string(payload.size()) + " " + payload + "}");
+}
+
 }  // namespace
