@@ -9,6 +9,7 @@
 // fills it front to back without measuring or growing anything.
 #include "observability/sds.h"
 #include "observability/value.h"
+#include "support/list.h"
 
 #include <cassert>
 #include <cstdio>
@@ -16,8 +17,6 @@
 #include <cstring>
 
 namespace {
-
-constexpr uint8_t kTypeCodeMask = 0x0F;
 
 // The longest text whose length and counted NUL an obs_sds can hold.
 constexpr uint64_t kMaxText = UINT32_MAX - 2;
@@ -199,7 +198,7 @@ bool measure_kvlist(text_plan *plan, const obs_any_value *kvlist, uint64_t *payl
 }
 
 bool measure_payload(text_plan *plan, const obs_any_value *node, uint64_t *payload) {
-    switch (node->type & kTypeCodeMask) {
+    switch (OBS_VALUE_TYPE_CODE(node->type)) {
         case OBS_VALUE_STR: {
             const auto *str = static_cast<const char *>(node->val.ptr);
             return add(payload, 2 + (str ? strlen(str) : 0));
@@ -294,7 +293,7 @@ void write_bytes(text_cursor *c, const uint8_t *bytes, uint32_t n) {
 
 // payload is the length the sizing walk recorded; zero for an empty container or byte block.
 void write_payload(text_cursor *c, const obs_any_value *node, uint32_t payload) {
-    switch (node->type & kTypeCodeMask) {
+    switch (OBS_VALUE_TYPE_CODE(node->type)) {
         case OBS_VALUE_STR:
             put_char(c, '"');
             if (payload > 2) put(c, node->val.ptr, payload - 2);
@@ -380,7 +379,7 @@ obs_sds obs_key_value_encode(const obs_key_value *list) {
     obs_any_value kvlist = {};
     kvlist.type = OBS_VALUE_KVLIST;
     kvlist.val.ptr = const_cast<obs_key_value *>(list);
-    for (const obs_key_value *pair = list; pair; pair = pair->next) ++kvlist.vlen;
+    kvlist.vlen = obs::list_length(list);
     return obs_any_value_encode(&kvlist);
 }
 
