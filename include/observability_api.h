@@ -25,5 +25,6 @@
 #include "observability/policy.h"
 #include "observability/policy_ot.h"
 #include "observability/policy_channel.h"
+#include "observability/instrumentation.h"
 
 #endif
