@@ -1,8 +1,9 @@
 /* First check of a musl build on the device's C library: the library loads under musl's loader,
  * and what leans on the C library works there: number formatting and parsing in the value
  * codec, allocation in the dynamic string, time stamps, thread ids and files in the debug log,
- * and the in-process IPC provider's delivery thread carrying a policy from an agent context to a
- * service context.
+ * the in-process IPC provider's delivery thread carrying a policy from an agent context to a
+ * service context, and a context (its lock, dump thread and signal) with a scope, a span and a
+ * counter reaching a telemetry provider.
  * Exits non-zero on the first mismatch. */
 #define _POSIX_C_SOURCE 200809L
 
@@ -179,7 +180,99 @@ static int check_policy_round_trip(void) {
     return delivered ? 0 : fail("a published policy did not reach the service's handler");
 }
 
+/* A telemetry provider that keeps what reaches it. Scope handles are malloc'd: without
+ * scope_free the library releases them with free. */
+static int sdk_handle, span_handle, instrument_handle;
+static int spans_ended;
+static int64_t counter_total;
+
+static void *sdk_init(obs_ctx *ctx, const char *service) {
+    (void)ctx;
+    (void)service;
+    return &sdk_handle;
+}
+
+static void *sdk_scope_create(void *sdk_ctx, const char *name, const char *version,
+                              obs_sampling sampling) {
+    (void)sdk_ctx;
+    (void)name;
+    (void)version;
+    (void)sampling;
+    return malloc(1);
+}
+
+static void *sdk_span_start(void *sdk_ctx, void *parent, void *sdk_scope, const char *name) {
+    (void)sdk_ctx;
+    (void)parent;
+    (void)sdk_scope;
+    (void)name;
+    return &span_handle;
+}
+
+static void sdk_span_end(void *sdk_span, int status, const char *description) {
+    (void)status;
+    (void)description;
+    if (sdk_span == &span_handle) ++spans_ended;
+}
+
+static void *sdk_counter_create(int inst_type, int val_type, void *sdk_ctx, void *sdk_scope,
+                                const char *name, const char *description) {
+    (void)inst_type;
+    (void)val_type;
+    (void)sdk_ctx;
+    (void)sdk_scope;
+    (void)name;
+    (void)description;
+    return &instrument_handle;
+}
+
+static int sdk_add_int64(void *instrument, int64_t value, obs_key_value *attrs) {
+    (void)attrs;
+    if (instrument == &instrument_handle) counter_total += value;
+    return 0;
+}
+
+static obs_sdk_provider smoke_provider = {
+    .name = "smoke",
+    .version = "1.0",
+    .init = sdk_init,
+    .scope_create = sdk_scope_create,
+    .span_start = sdk_span_start,
+    .span_end = sdk_span_end,
+    .metrics_inst_create = sdk_counter_create,
+    .metrics_inst_add_int64 = sdk_add_int64,
+};
+
+/* The dump's lines for the scope, as musl's printf pads them. */
+static const char motor_dump[] =
+    "scope: motor            ver: 1.0    sampling: [all:on]([all:on]) log level: 2(2)\n"
+    "\tspan: 1(0) log: 0 metrics: 2\n";
+
+static int use_scope(obs_ctx *ctx) {
+    obs_scope *motor = obs_scope_create(ctx, "motor", "1.0", OBS_SAMPLING_ALL_ON, 2);
+    obs_span *span = obs_span_start(motor, NULL, "motor.move");
+    obs_updown_counter *moves = obs_int64_updown_counter_create(motor, "motor.moves", "");
+    int added = obs_int64_updown_counter_add(moves, 5, NULL) == 0 &&
+                obs_int64_updown_counter_add(moves, -2, NULL) == 0;
+    obs_span_end(span);
+    obs_int64_updown_counter_destroy(moves);
+    obs_sds dump = obs_dump_one(obs_sdsempty(), ctx);
+    int dumped = dump && strstr(dump, motor_dump);
+    if (!dumped) fprintf(stderr, "musl_smoke: dump\n%s", dump ? dump : "(null)\n");
+    obs_sdsfree(dump);
+    return span && added && spans_ended == 1 && counter_total == 3 && dumped;
+}
+
+static int check_instrumented_context(void) {
+    obs_log_callback_set(drop_line);
+    obs_ctx *ctx = obs_ctx_init("smoke-service", &smoke_provider, obs_ipc_mem_provider());
+    int used = ctx && obs_info_list && obs_info_list->ctx == ctx && use_scope(ctx);
+    obs_ctx_destroy(ctx);
+    obs_log_callback_set(NULL);
+    return used && !obs_info_list ? 0 : fail("a context's scope, span or counter went wrong");
+}
+
 int main(void) {
     return check_value_round_trip() | check_sds_growth() | check_debug_log_line() |
-           check_policy_round_trip();
+           check_policy_round_trip() | check_instrumented_context();
 }
