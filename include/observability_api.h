@@ -26,5 +26,6 @@
 #include "observability/policy_ot.h"
 #include "observability/policy_channel.h"
 #include "observability/instrumentation.h"
+#include "observability/sdk_ot.h"
 
 #endif
