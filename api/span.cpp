@@ -12,23 +12,20 @@ const obs_sdk_provider *provider_of(const obs_scope *scope) {
     return scope->ctx->sdk_provider;
 }
 
-// A span named name in scope around sdk_span; null (the SDK span left to the caller) when memory
-// runs out.
+// A span named name in scope, its name copied into the same block so that a span costs one
+// allocation; null when memory runs out.
 obs_span *new_span(obs_scope *scope, obs_span *parent, const char *name) {
-    auto *span = static_cast<obs_span *>(calloc(1, sizeof(obs_span)));
+    const size_t name_size = strlen(name) + 1;
+    auto *span = static_cast<obs_span *>(malloc(sizeof(obs_span) + name_size));
     if (!span) return nullptr;
-    span->name = strdup(name);
-    if (!span->name) {
-        free(span);
-        return nullptr;
-    }
+    span->name = static_cast<char *>(memcpy(span + 1, name, name_size));
     span->scope = scope;
     span->parent = parent;
+    span->sdk_span = nullptr;
     return span;
 }
 
 void release_span(obs_span *span) {
-    free(span->name);
     free(span);
 }
 
