@@ -62,13 +62,10 @@ void end_span(obs_span *span, int status, const char *description) {
     release_span(span);
 }
 
-}  // namespace
-
-extern "C" {
-
-obs_span *obs_span_start(obs_scope *scope, obs_span *parent, const char *name) {
-    if (!can_start(scope, name)) return nullptr;
-    if (parent && !obs::lets_through(parent->scope, OBS_SIGNAL_TRACES)) return nullptr;
+// The open-gate halves of the span starts. Kept out of line so that a closed gate returns before
+// any register of the open path is saved.
+__attribute__((noinline)) obs_span *start_under(obs_scope *scope, obs_span *parent,
+                                                const char *name) {
     const obs_sdk_provider *provider = provider_of(scope);
     if (!provider->span_start) return nullptr;
     obs_span *span = new_span(scope, parent, name);
@@ -78,9 +75,8 @@ obs_span *obs_span_start(obs_scope *scope, obs_span *parent, const char *name) {
     return started(span);
 }
 
-obs_span *obs_span_start_from_context(obs_scope *scope, const char *parent_context,
-                                      const char *name) {
-    if (!can_start(scope, name)) return nullptr;
+__attribute__((noinline)) obs_span *start_from_context(obs_scope *scope, const char *parent_context,
+                                                       const char *name) {
     const obs_sdk_provider *provider = provider_of(scope);
     if (!provider->span_start_from_context) return nullptr;
     obs_span *span = new_span(scope, nullptr, name);
@@ -88,6 +84,22 @@ obs_span *obs_span_start_from_context(obs_scope *scope, const char *parent_conte
     span->sdk_span = provider->span_start_from_context(scope->ctx->sdk_ctx, parent_context,
                                                        scope->sdk_scope, name);
     return started(span);
+}
+
+}  // namespace
+
+extern "C" {
+
+obs_span *obs_span_start(obs_scope *scope, obs_span *parent, const char *name) {
+    if (!can_start(scope, name)) return nullptr;
+    if (parent && !obs::lets_through(parent->scope, OBS_SIGNAL_TRACES)) return nullptr;
+    return start_under(scope, parent, name);
+}
+
+obs_span *obs_span_start_from_context(obs_scope *scope, const char *parent_context,
+                                      const char *name) {
+    if (!can_start(scope, name)) return nullptr;
+    return start_from_context(scope, parent_context, name);
 }
 
 void obs_span_end(obs_span *span) {
