@@ -129,7 +129,8 @@ void obs_ctx_destroy(obs_ctx *ctx) {
         ctx->name = nullptr;
         unregister_context(ctx);
         release_scopes(ctx);
-        obs_policy_free(ctx->policy);
+        // Not obs_policy_free: the copy's owner is the policy context released above.
+        sdk_policy_ot_free(ctx->policy);
     }
     free(ctx);
 }
