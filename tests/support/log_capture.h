@@ -49,16 +49,16 @@ class LogCaptureTest : public testing::Test {
     }
     void TearDown() override { obs_log_callback_set(nullptr); }
     static std::vector<std::string> lines() { return captured_lines(); }
-    // The lines with the source line number of an "operation:line " prefix written as "N", so
-    // a test can state them whole without depending on where the code stands; only the lines of
-    // operation when one is named.
+    // The lines with the source line number of an "operation:line " or "[OBS_API operation:line]"
+    // prefix written as "N", so a test can state them whole without depending on where the code
+    // stands; only the lines that begin with operation when one is named.
     static std::vector<std::string> unnumbered_lines(const std::string &operation = "") {
-        static const std::regex location("^([A-Za-z_][A-Za-z0-9_]*):[0-9]+ ");
+        static const std::regex location("^(\\[OBS_API )?([A-Za-z_][A-Za-z0-9_]*):[0-9]+([ \\]])");
         std::vector<std::string> unnumbered;
         for (const std::string &line : captured_lines()) {
             if (!operation.empty() && line.compare(0, operation.size() + 1, operation + ":") != 0)
                 continue;
-            unnumbered.push_back(std::regex_replace(line, location, "$1:N ",
+            unnumbered.push_back(std::regex_replace(line, location, "$1$2:N$3",
                                                     std::regex_constants::format_first_only));
         }
         return unnumbered;
