@@ -40,6 +40,10 @@ struct Recorder {
         std::lock_guard<std::mutex> hold(lock);
         return events;
     }
+    size_t count() {
+        std::lock_guard<std::mutex> hold(lock);
+        return events.size();
+    }
 };
 
 void record(void *ctx, int op, const char *path, const char *, const void *data, int len) {
@@ -197,6 +201,26 @@ TEST_F(MemProviderTest, FreeFromAHandlerReturnsFreeElsewhereWaitsAndNoHandlerRun
     settle();
     EXPECT_FALSE(ran_after_free);
     EXPECT_EQ(closing.seen().size(), 1u);
+}
+
+// A service answers each query from inside the query's delivery, with a report in several
+// parts: one flush covers the query and every part.
+TEST_F(MemProviderTest, FlushWaitsForTheEventsHandlersQueueWhileItWaits) {
+    constexpr int queries = 300, parts = 5;
+    Recorder &service = open(), &agent = open();
+    service.react = [&](Recorder &self) {
+        for (int part = 0; part < parts; ++part)
+            EXPECT_EQ(ipc->send(self.handle, key("report").c_str(), "r", 1), 0);
+    };
+    subscribe(service.handle, key("query"));
+    subscribe(agent.handle, key("report"));
+    within_deadline([&] {
+        for (int i = 1; i <= queries; ++i) {
+            ASSERT_EQ(set(agent.handle, key("query"), "q"), 0);
+            obs_ipc_mem_flush();
+            ASSERT_EQ(agent.count(), 1u * i * parts) << "after query " << i;
+        }
+    });
 }
 
 }  // namespace
