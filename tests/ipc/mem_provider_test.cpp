@@ -223,4 +223,36 @@ TEST_F(MemProviderTest, FlushWaitsForTheEventsHandlersQueueWhileItWaits) {
     });
 }
 
+// A free drops its context's events from the tail of the queue, first leaving it empty, then
+// leaving an event before them: events queued afterwards must still arrive, behind that one.
+TEST_F(MemProviderTest, EventsQueuedAfterAFreeDroppedTheTailOfTheQueueArrive) {
+    Recorder &busy = open(), &later = open();
+    Recorder *dropped[] = {&open(), &open()};
+    std::promise<void> started, go_on;
+    std::shared_future<void> go = go_on.get_future().share();
+    busy.react = [&](Recorder &) {
+        started.set_value();
+        go.wait_for(std::chrono::seconds(20));
+    };
+    subscribe(busy.handle, key("busy"));
+    subscribe(later.handle, key("later"));
+    for (int round : {0, 1}) subscribe(dropped[round]->handle, key(std::to_string(round)));
+    within_deadline([&] {
+        ASSERT_EQ(set(busy.handle, key("busy"), "v"), 0);
+        started.get_future().wait();  // every event from here on waits in the queue
+        for (int round : {0, 1}) {
+            for (int i = 0; i < 2; ++i)
+                ASSERT_EQ(set(busy.handle, key(std::to_string(round)), "v"), 0);
+            ipc->free(dropped[round]->handle.exchange(nullptr));
+            ASSERT_EQ(set(busy.handle, key("later"), std::to_string(round)), 0);
+        }
+    });
+    go_on.set_value();
+    settle();
+    std::vector<std::string> arrived;
+    for (const Event &event : later.seen()) arrived.push_back(event.data);
+    EXPECT_EQ(arrived, (std::vector<std::string>{"0", "1"}));
+    for (Recorder *recorder : dropped) EXPECT_TRUE(recorder->seen().empty());
+}
+
 }  // namespace
