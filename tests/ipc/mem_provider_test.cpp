@@ -40,6 +40,10 @@ struct Recorder {
         std::lock_guard<std::mutex> hold(lock);
         return events;
     }
+    size_t count() {
+        std::lock_guard<std::mutex> hold(lock);
+        return events.size();
+    }
 };
 
 void record(void *ctx, int op, const char *path, const char *, const void *data, int len) {
@@ -197,6 +201,58 @@ TEST_F(MemProviderTest, FreeFromAHandlerReturnsFreeElsewhereWaitsAndNoHandlerRun
     settle();
     EXPECT_FALSE(ran_after_free);
     EXPECT_EQ(closing.seen().size(), 1u);
+}
+
+// A service answers each query from inside the query's delivery, with a report in several
+// parts: one flush covers the query and every part.
+TEST_F(MemProviderTest, FlushWaitsForTheEventsHandlersQueueWhileItWaits) {
+    constexpr int queries = 300, parts = 5;
+    Recorder &service = open(), &agent = open();
+    service.react = [&](Recorder &self) {
+        for (int part = 0; part < parts; ++part)
+            EXPECT_EQ(ipc->send(self.handle, key("report").c_str(), "r", 1), 0);
+    };
+    subscribe(service.handle, key("query"));
+    subscribe(agent.handle, key("report"));
+    within_deadline([&] {
+        for (int i = 1; i <= queries; ++i) {
+            ASSERT_EQ(set(agent.handle, key("query"), "q"), 0);
+            obs_ipc_mem_flush();
+            ASSERT_EQ(agent.count(), 1u * i * parts) << "after query " << i;
+        }
+    });
+}
+
+// A free drops its context's events from the tail of the queue, first leaving it empty, then
+// leaving an event before them: events queued afterwards must still arrive, behind that one.
+TEST_F(MemProviderTest, EventsQueuedAfterAFreeDroppedTheTailOfTheQueueArrive) {
+    Recorder &busy = open(), &later = open();
+    Recorder *dropped[] = {&open(), &open()};
+    std::promise<void> started, go_on;
+    std::shared_future<void> go = go_on.get_future().share();
+    busy.react = [&](Recorder &) {
+        started.set_value();
+        go.wait_for(std::chrono::seconds(20));
+    };
+    subscribe(busy.handle, key("busy"));
+    subscribe(later.handle, key("later"));
+    for (int round : {0, 1}) subscribe(dropped[round]->handle, key(std::to_string(round)));
+    within_deadline([&] {
+        ASSERT_EQ(set(busy.handle, key("busy"), "v"), 0);
+        started.get_future().wait();  // every event from here on waits in the queue
+        for (int round : {0, 1}) {
+            for (int i = 0; i < 2; ++i)
+                ASSERT_EQ(set(busy.handle, key(std::to_string(round)), "v"), 0);
+            ipc->free(dropped[round]->handle.exchange(nullptr));
+            ASSERT_EQ(set(busy.handle, key("later"), std::to_string(round)), 0);
+        }
+    });
+    go_on.set_value();
+    settle();
+    std::vector<std::string> arrived;
+    for (const Event &event : later.seen()) arrived.push_back(event.data);
+    EXPECT_EQ(arrived, (std::vector<std::string>{"0", "1"}));
+    for (Recorder *recorder : dropped) EXPECT_TRUE(recorder->seen().empty());
 }
 
 }  // namespace
