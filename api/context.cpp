@@ -110,22 +110,27 @@ obs_ctx *obs_ctx_init(const char *service_name, obs_sdk_provider *sdk_provider,
 
 void obs_ctx_destroy(obs_ctx *ctx) {
     if (!ctx) return;
+    obs_policy_ctx *policy_ctx;
     {
         obs::api_guard guard;
-        // From here on the policy handler leaves this context alone.
+        // From here on the policy handler leaves this context alone, and a dump no longer
+        // reaches the policy context released below.
         ctx->closing = 1;
+        policy_ctx = ctx->policy_ctx;
+        ctx->policy_ctx = nullptr;
     }
     // Neither call is made under the lock: a provider may flush its data, and releasing the
     // policy context waits for a running handler, which may be waiting for the lock.
     if (ctx->sdk_ctx && ctx->sdk_provider->free) ctx->sdk_provider->free(ctx->sdk_ctx);
-    obs_policy_ctx_free(ctx->policy_ctx);
+    obs_policy_ctx_free(policy_ctx);
     {
         obs::api_guard guard;
         free(ctx->name);
         ctx->name = nullptr;
         unregister_context(ctx);
         release_scopes(ctx);
-        obs_policy_free(ctx->policy);
+        // Not obs_policy_free: the copy's owner is the policy context released above.
+        sdk_policy_ot_free(ctx->policy);
     }
     free(ctx);
 }

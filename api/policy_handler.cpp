@@ -30,18 +30,19 @@ obs_policy_ot *entries_of(const obs_policy *policy) {
 }
 
 void reset(obs_ctx *ctx, const char *service_name, const obs_policy *request) {
-    obs_policy_free(ctx->policy);
+    sdk_policy_ot_free(ctx->policy);
     ctx->policy = nullptr;
     obs_scope_set_policy_by_name(service_name, nullptr, OBS_POLICY_OP_REMOVE, entries_of(request));
 }
 
 // Undoes the policy held so far, then holds and applies a copy of the new one. A copy that cannot
-// be made leaves the context without policy.
+// be made leaves the context without policy. The copy is the sampling SDK's, so its free releases
+// it: the owner link the copy keeps may outlive the policy context it names.
 void apply(obs_ctx *ctx, const char *service_name, const obs_policy *request) {
     if (ctx->policy) {
         obs_scope_set_policy_by_name(service_name, nullptr, OBS_POLICY_OP_REMOVE,
                                      entries_of(ctx->policy));
-        obs_policy_free(ctx->policy);
+        sdk_policy_ot_free(ctx->policy);
     }
     ctx->policy = sdk_policy_ot_clone(request, 0);
     if (ctx->policy)

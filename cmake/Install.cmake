@@ -17,8 +17,31 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ObservabilityApiConfig.cmake
     ${CMAKE_CURRENT_BINARY_DIR}/ObservabilityApiConfigVersion.cmake
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ObservabilityApi)
 
+# The pkg-config files find their prefix from their own directory, ${pcfiledir}, so that a tree
+# installed with --prefix, or moved, still points its users at itself. An absolute libdir keeps
+# no fixed place below the prefix: then the configured paths are written as they are.
+set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+    set(pc_prefix "${CMAKE_INSTALL_PREFIX}")
+else()
+    file(RELATIVE_PATH up_to_prefix "/${pkgconfig_dir}" "/")
+    string(REGEX REPLACE "/$" "" up_to_prefix "${up_to_prefix}")
+    set(pc_prefix "\${pcfiledir}/${up_to_prefix}")
+endif()
+
+# ${prefix}/<dir> in a pkg-config file for a directory below the prefix, else <dir> itself.
+function(obs_pc_dir out_var dir)
+    if(IS_ABSOLUTE "${dir}")
+        set(${out_var} "${dir}" PARENT_SCOPE)
+    else()
+        set(${out_var} "\${prefix}/${dir}" PARENT_SCOPE)
+    endif()
+endfunction()
+obs_pc_dir(pc_libdir "${CMAKE_INSTALL_LIBDIR}")
+obs_pc_dir(pc_includedir "${CMAKE_INSTALL_INCLUDEDIR}")
+
 foreach(package observability-api obs-ipc-mem)
     configure_file(cmake/${package}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${package}.pc @ONLY)
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${package}.pc
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+        DESTINATION ${pkgconfig_dir})
 endforeach()

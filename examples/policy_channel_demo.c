@@ -98,8 +98,7 @@ int main(void) {
     printf("agent: lamp-controller, which policy is stored?\n");
     obs_policy_dispatch(agent, &query, OBS_IPC_KEY_ROOT "service{lamp-controller}/scope{*}/obs",
                         directory);
-    obs_ipc_mem_flush(); /* the query reaches the service */
-    obs_ipc_mem_flush(); /* its report reaches the agent */
+    obs_ipc_mem_flush(); /* the query reaches the service and its report the agent */
 
     obs_policy_free_service(directory);
     obs_policy_ctx_free(agent);

@@ -17,7 +17,10 @@ OBS_EXPORT obs_ipc_provider *obs_ipc_mem_provider(void);
 /* Removes the value under key and notifies its subscribers with op 2 and one NUL byte (length
  * 1). 0, or -1 when nothing was stored under key or an argument is null. */
 OBS_EXPORT int obs_ipc_mem_delete(void *ipc_ctx, const char *key);
-/* Returns when every event queued so far has been delivered. Not to be called from a handler. */
+/* Returns once the provider is idle: nothing queued and no handler running. Events that
+ * handlers queue while it waits (a report sent in answer to a query) are delivered before it
+ * returns, so it waits as long as events keep being queued: a handler that answers every event
+ * with another makes it wait forever. Called from a handler, it returns at once. */
 OBS_EXPORT void obs_ipc_mem_flush(void);
 
 #ifdef __cplusplus

@@ -15,7 +15,7 @@ namespace {
 
 pthread_mutex_t queue_lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t queue_filled = PTHREAD_COND_INITIALIZER;
-// Broadcast after every event and marker: flush and release_handle wait on it.
+// Broadcast after every event: flush and release_handle wait on it.
 pthread_cond_t queue_progress = PTHREAD_COND_INITIALIZER;
 mem_event *queue_head;
 mem_event **queue_tail = &queue_head;
@@ -68,11 +68,7 @@ void *delivery_main(void *) {
     pthread_mutex_lock(&queue_lock);
     for (;;) {
         while (!queue_head) pthread_cond_wait(&queue_filled, &queue_lock);
-        mem_event *event = queue_pop();
-        if (event->handle)
-            deliver(event);
-        else
-            event->delivered = true;
+        deliver(queue_pop());
         pthread_cond_broadcast(&queue_progress);
     }
 }
@@ -102,7 +98,7 @@ mem_event *event_make(mem_handle *handle, obs_ipc_handler handler, int op, const
     char *path_copy = data_copy + len;
     if (len) memcpy(data_copy, data, len);
     memcpy(path_copy, path, path_size);
-    *event = mem_event{nullptr, handle, handler, op, len, path_copy, data_copy, false};
+    *event = mem_event{nullptr, handle, handler, op, len, path_copy, data_copy};
     return event;
 }
 
@@ -137,14 +133,11 @@ void delivery_release_handle(mem_handle *handle) {
     if (!deferred) free(handle);
 }
 
+// A running handler counts as work left: what it queues before returning is waited for too.
 void delivery_flush() {
-    mem_event marker = {};
     pthread_mutex_lock(&queue_lock);
-    if (thread_running && !on_delivery_thread()) {
-        *queue_tail = &marker;
-        queue_tail = &marker.next;
-        pthread_cond_signal(&queue_filled);
-        while (!marker.delivered) pthread_cond_wait(&queue_progress, &queue_lock);
+    if (!on_delivery_thread()) {
+        while (queue_head || handle_in_handler) pthread_cond_wait(&queue_progress, &queue_lock);
     }
     pthread_mutex_unlock(&queue_lock);
 }

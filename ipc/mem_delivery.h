@@ -16,13 +16,12 @@ struct mem_handle {
 
 struct mem_event {
     mem_event *next;
-    mem_handle *handle;  // null for a flush marker
+    mem_handle *handle;
     obs_ipc_handler handler;
     int op;
     int len;
     const char *path;  // both point into the event's own block
     const void *data;
-    bool delivered;  // flush markers only
 };
 
 // Events collected under the store's lock, queued together so they keep their order.
@@ -47,8 +46,9 @@ int delivery_enqueue(mem_event_batch *batch);
 // thread releases when that handler returns.
 void delivery_release_handle(mem_handle *handle);
 
-// Returns when every event queued before the call has been delivered. Returns at once on the
-// delivery thread, where waiting would never end.
+// Returns once nothing is queued and no handler runs, so the events handlers queue meanwhile are
+// delivered too; it waits as long as events keep coming. Returns at once on the delivery
+// thread, where waiting would never end.
 void delivery_flush();
 
 }  // namespace obs

@@ -5,51 +5,39 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <deque>
 #include <functional>
 #include <future>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <regex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "observability_ipc_mem.h"
 
 namespace {
 
-// "op path len bytes": a test states a whole delivery sequence as a list of these.
-std::string delivery(int op, const std::string &path, const std::string &data) {
-    return std::to_string(op) + " " + path + " " + std::to_string(data.size()) + " " + data;
-}
+using Event = std::tuple<int, std::string, std::string>;  // op, path, data
 
-struct Event {
-    std::string path, data, summary;
-    std::thread::id thread;
-};
-
-// Given to init as the context; its handler records every event, then runs react, if set.
+// A context's handler records each delivery, checking that it runs off the thread that made the
+// context, then runs react. Tests read events once a flush has found the provider idle.
 struct Recorder {
-    std::atomic<void *> handle{nullptr};  // null once released
+    std::atomic<void *> handle{nullptr};  // null once freed
     std::function<void(Recorder &)> react;
-    std::mutex lock;
+    const std::thread::id maker = std::this_thread::get_id();
     std::vector<Event> events;
 
-    std::vector<Event> seen() {
-        std::lock_guard<std::mutex> hold(lock);
-        return events;
+    ~Recorder() {
+        if (void *open = handle.exchange(nullptr)) obs_ipc_mem_provider()->free(open);
     }
 };
 
 void record(void *ctx, int op, const char *path, const char *, const void *data, int len) {
     auto *recorder = static_cast<Recorder *>(ctx);
-    std::string bytes = data ? std::string(static_cast<const char *>(data), len) : "";
-    {
-        std::lock_guard<std::mutex> hold(recorder->lock);
-        recorder->events.push_back(
-            {path, bytes, delivery(op, path, bytes), std::this_thread::get_id()});
-    }
+    EXPECT_NE(std::this_thread::get_id(), recorder->maker);
+    recorder->events.emplace_back(op, path, std::string(static_cast<const char *>(data), len));
     if (recorder->react) recorder->react(*recorder);
 }
 
@@ -62,141 +50,136 @@ void within_deadline(const std::function<void()> &work) {
 class MemProviderTest : public testing::Test {
   protected:
     obs_ipc_provider *ipc = obs_ipc_mem_provider();
-    std::vector<std::unique_ptr<Recorder>> recorders;  // outlive the test body, up to TearDown
-
-    static void settle() { within_deadline(obs_ipc_mem_flush); }
-
-    void TearDown() override {
-        for (auto &recorder : recorders)
-            if (void *handle = recorder->handle.exchange(nullptr)) ipc->free(handle);
-    }
-
-    Recorder &open() {
-        recorders.push_back(std::make_unique<Recorder>());
-        recorders.back()->handle = ipc->init(recorders.back().get(), "svc", nullptr);
-        EXPECT_NE(recorders.back()->handle, nullptr);
-        return *recorders.back();
-    }
     // Keys of each test live under a root of their own: the store is shared by the process.
-    static std::string key(const std::string &suffix) {
-        return std::string("/t/") + testing::UnitTest::GetInstance()->current_test_info()->name() +
-               "/" + suffix;
+    const std::string root =
+        std::string("/t/") + testing::UnitTest::GetInstance()->current_test_info()->name() + "/";
+    std::deque<Recorder> recorders;
+
+    std::string key(const std::string &suffix) const { return root + suffix; }
+
+    // A new context subscribed to the keys of paths.
+    Recorder &open(std::initializer_list<const char *> paths = {}) {
+        Recorder &recorder = recorders.emplace_back();
+        recorder.handle = ipc->init(&recorder, "svc", nullptr);
+        for (const char *path : paths)
+            EXPECT_EQ(ipc->subscribe(recorder.handle, key(path).c_str(), record), 0);
+        return recorder;
     }
-    void subscribe(void *handle, const std::string &path) {
-        EXPECT_EQ(ipc->subscribe(handle, path.c_str(), record), 0);
+    void set(void *handle, const std::string &at, const std::string &value) {
+        EXPECT_EQ(ipc->set(handle, at.c_str(), value.data(), value.size(), nullptr, nullptr, 0), 0);
     }
-    int set(void *handle, const std::string &at, const std::string &value) {
-        return ipc->set(handle, at.c_str(), value.data(), value.size(), nullptr, nullptr, 0);
-    }
-    // The stored bytes, or "<none>" when get fails (checking that it leaves the buffer null).
+    // The stored bytes, or "<none>" when get fails (leaving the buffer null, as it must).
     std::string get(void *handle, const std::string &at) {
         void *buf = nullptr;
         int len = -1;
-        if (ipc->get(handle, at.c_str(), &buf, &len) != 0) {
-            EXPECT_EQ(buf, nullptr);
-            return "<none>";
-        }
-        std::string value(static_cast<const char *>(buf), len);
+        if (ipc->get(handle, at.c_str(), &buf, &len) != 0) return buf ? "<set>" : "<none>";
+        std::string value(static_cast<char *>(buf), len);
         free(buf);
         return value;
     }
 };
 
-TEST_F(MemProviderTest, DeliversMatchingEventsInOrderWithTheirBytesOffTheCallersThread) {
-    Recorder &recorder = open();
-    void *handle = recorder.handle;
-    for (const char *path : {"service{*}/uid", "service{*}/scope{*}/obs", "exact"})
-        subscribe(handle, key(path));
+TEST_F(MemProviderTest, ContextsShareOneStoreAndGetMatchingEventsInOrderOffTheCallersThread) {
+    EXPECT_TRUE(std::string(ipc->name) == "mem" && ipc->version && *ipc->version) << ipc->name;
+    Recorder &recorder = open({"service{*}/uid", "service{*}/scope{*}/obs", "exact"});
+    void *writer = open().handle;
     // "{*}" stands for one non-empty name without braces, never for more of the path.
     for (const char *unmatched :
          {"service{}/uid", "service{a}/x{b}/uid", "service{a{b}/uid", "service{a{/uid",
           "service{svc}/uid/x", "service/uid", "service{s}/scope{}/obs", "exact2", "exac"})
-        ASSERT_EQ(set(handle, key(unmatched), "v"), 0) << unmatched;
-    const std::string bytes("a\0b\xff", 4), uid = key("service{svc}/uid");
-    ASSERT_EQ(set(handle, uid, bytes), 0);
-    ASSERT_EQ(ipc->send(handle, key("exact").c_str(), "msg", 3), 0);
-    ASSERT_EQ(set(handle, key("service{s}/scope{d}/obs"), "v2"), 0);
-    EXPECT_EQ(obs_ipc_mem_delete(handle, uid.c_str()), 0);
-    EXPECT_EQ(obs_ipc_mem_delete(handle, key("exact").c_str()), -1);  // sent, never stored
-    settle();
-    std::vector<std::string> delivered;
-    for (const Event &event : recorder.seen()) {
-        delivered.push_back(event.summary);
-        EXPECT_NE(event.thread, std::this_thread::get_id());
-    }
-    EXPECT_EQ(delivered,
-              (std::vector<std::string>{delivery(0, uid, bytes), delivery(0, key("exact"), "msg"),
-                                        delivery(0, key("service{s}/scope{d}/obs"), "v2"),
-                                        delivery(2, uid, std::string(1, '\0'))}));
-    EXPECT_EQ(get(handle, uid), "<none>");
-}
-
-TEST_F(MemProviderTest, ContextsShareOneStoreThatDescribesItself) {
-    EXPECT_STREQ(ipc->name, "mem");
-    EXPECT_TRUE(ipc->version && *ipc->version);
-    void *writer = open().handle, *reader = open().handle;
-    for (const std::string &value : {std::string("long\0value", 10), std::string("ab")}) {
-        ASSERT_EQ(set(writer, key("k"), value), 0);
-        EXPECT_EQ(get(reader, key("k")), value);
-    }
-    subscribe(reader, key("watched{*}"));
-    char *text = ipc->dump_debuginfo(writer);
+        set(writer, key(unmatched), "v");
+    const std::string exact = key("exact"), uid = key("service{svc}/uid"),
+                      scope = key("service{s}/scope{d}/obs"), longer("long\0value", 10),
+                      bytes("a\0b\xff", 4);
+    for (const std::string &value : {longer, bytes}) set(writer, exact, value);
+    EXPECT_EQ(get(recorder.handle, exact), bytes);
+    ASSERT_EQ(ipc->send(writer, uid.c_str(), "msg", 3), 0);
+    set(writer, scope, "v2");
+    char *text = ipc->dump_debuginfo(recorder.handle);
     const std::string dump = text ? text : "";
     free(text);
-    EXPECT_TRUE(std::regex_search(dump, std::regex(key("k") + "[^\n]*\\b2\\b"))) << dump;
-    EXPECT_NE(dump.find(key("watched{*}")), std::string::npos) << dump;
+    EXPECT_TRUE(std::regex_search(dump, std::regex(exact + "[^\n]*\\b4\\b"))) << dump;
+    EXPECT_NE(dump.find(key("service{*}/uid")), std::string::npos) << dump;
+    EXPECT_EQ(obs_ipc_mem_delete(writer, exact.c_str()), 0);
+    EXPECT_EQ(obs_ipc_mem_delete(writer, uid.c_str()), -1);  // sent, never stored
+    EXPECT_EQ(get(writer, exact), "<none>");
+    within_deadline(obs_ipc_mem_flush);
+    EXPECT_EQ(recorder.events, (std::vector<Event>{Event(0, exact, longer), Event(0, exact, bytes),
+                                                   Event(0, uid, "msg"), Event(0, scope, "v2"),
+                                                   Event(2, exact, std::string(1, '\0'))}));
 }
 
 TEST_F(MemProviderTest, ConcurrentSettersLoseNothingAndKeepEachThreadsOrder) {
-    constexpr int writers = 4, sets_each = 500;
-    Recorder &recorder = open();
-    void *handle = recorder.handle;
-    subscribe(handle, key("writer{*}/counter"));
-    auto counter_key = [](int w) { return key("writer{" + std::to_string(w) + "}/counter"); };
-    std::map<std::string, std::vector<int>> expected, arrived;
+    Recorder &recorder = open({"writer{*}/counter"});
+    std::map<std::string, std::vector<Event>> expected, arrived;
     std::vector<std::thread> threads;
-    for (int writer = 0; writer < writers; ++writer) {
-        for (int i = 0; i < sets_each; ++i) expected[counter_key(writer)].push_back(i);
-        threads.emplace_back([&, at = counter_key(writer)] {
-            for (int i = 0; i < sets_each; ++i) set(handle, at, std::to_string(i));
+    for (int writer = 0; writer < 4; ++writer) {
+        const std::string at = key("writer{" + std::to_string(writer) + "}/counter");
+        for (int i = 0; i < 500; ++i) expected[at].push_back({0, at, std::to_string(i)});
+        threads.emplace_back([&, at] {
+            for (int i = 0; i < 500; ++i) set(recorder.handle, at, std::to_string(i));
         });
     }
     for (std::thread &thread : threads) thread.join();
-    settle();
-    for (const Event &event : recorder.seen()) arrived[event.path].push_back(std::stoi(event.data));
+    within_deadline(obs_ipc_mem_flush);
+    for (const Event &event : recorder.events) arrived[std::get<1>(event)].push_back(event);
     EXPECT_EQ(arrived, expected);
-    for (int writer = 0; writer < writers; ++writer)
-        EXPECT_EQ(get(handle, counter_key(writer)), std::to_string(sets_each - 1));
 }
 
-// One context frees itself from its first event; the other is freed while its handler runs.
-TEST_F(MemProviderTest, FreeFromAHandlerReturnsFreeElsewhereWaitsAndNoHandlerRunsAfterEither) {
-    Recorder &closing = open(), &slow = open();
-    void *writer = open().handle, *slow_handle = slow.handle;
-    std::atomic<bool> all_queued{false}, started{false}, freed{false}, ran_after_free{false};
-    closing.react = [&](Recorder &self) {
-        while (!all_queued) std::this_thread::yield();
-        if (void *handle = self.handle.exchange(nullptr)) ipc->free(handle);
+// A service answers each query from inside the query's delivery, with a report in several
+// parts: one flush covers the query and every part.
+TEST_F(MemProviderTest, FlushWaitsForTheEventsHandlersQueueWhileItWaits) {
+    Recorder &service = open({"query"}), &agent = open({"report"});
+    service.react = [&](Recorder &self) {
+        for (int part = 0; part < 5; ++part)
+            EXPECT_EQ(ipc->send(self.handle, key("report").c_str(), "r", 1), 0);
     };
-    slow.react = [&](Recorder &) {
-        if (freed) ran_after_free = true;
-        started = true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        get(slow_handle, key("k"));  // needs the store while free is waiting
-        if (freed) ran_after_free = true;
-    };
-    subscribe(closing.handle, key("k"));
-    subscribe(slow_handle, key("k"));
     within_deadline([&] {
-        for (int i = 0; i < 100; ++i) EXPECT_EQ(set(writer, key("k"), "v"), 0);
-        all_queued = true;
-        while (!started) std::this_thread::yield();
-        ipc->free(slow.handle.exchange(nullptr));
+        for (int i = 1; i <= 300; ++i) {
+            set(agent.handle, key("query"), "q");
+            obs_ipc_mem_flush();
+            ASSERT_EQ(agent.events.size(), 5u * i) << "after query " << i;
+        }
     });
-    freed = true;
-    settle();
-    EXPECT_FALSE(ran_after_free);
-    EXPECT_EQ(closing.seen().size(), 1u);
+}
+
+// Frees while a handler runs. Another context's free drops its events from the tail of the
+// queue, first leaving it empty, then leaving an event before them: events queued afterwards must
+// still arrive, behind that one. The running handler's own context is released only once the
+// handler, which may still use the store, returns. A context freed from its own handler returns
+// at once and drops its events queued behind.
+TEST_F(MemProviderTest, EventsQueuedAfterAFreeDroppedTheTailOfTheQueueArrive) {
+    Recorder &busy = open({"busy"}), &later = open({"later"});
+    Recorder *dropped[] = {&open({"0"}), &open({"1"})};
+    void *busy_handle = busy.handle;
+    std::atomic<bool> started{false}, go{false}, freed{false}, returned{false};
+    busy.react = [&](Recorder &) {
+        for (started = true; !go;) std::this_thread::yield();
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+        while (!freed && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+        set(busy_handle, key("other"), "v");
+        returned = true;
+    };
+    later.react = [&](Recorder &self) {
+        if (self.events.size() == 2) ipc->free(self.handle.exchange(nullptr));
+    };
+    within_deadline([&] {
+        set(busy_handle, key("busy"), "v");
+        while (!started) std::this_thread::yield();  // every event from here on waits in the queue
+        for (int round : {0, 1}) {
+            for (int i = 0; i < 2; ++i) set(busy_handle, key(std::to_string(round)), "v");
+            ipc->free(dropped[round]->handle.exchange(nullptr));
+            set(busy_handle, key("later"), std::to_string(round));
+        }
+        set(busy_handle, key("later"), "2");
+        go = true;
+        ipc->free(busy.handle.exchange(nullptr));
+        freed = true;
+        EXPECT_TRUE(returned);
+    });
+    within_deadline(obs_ipc_mem_flush);
+    EXPECT_EQ(later.events, (std::vector<Event>{{0, key("later"), "0"}, {0, key("later"), "1"}}));
+    EXPECT_TRUE(dropped[0]->events.empty() && dropped[1]->events.empty());
 }
 
 }  // namespace

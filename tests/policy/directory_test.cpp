@@ -1,36 +1,22 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "observability_api.h"
-#include "support/log_capture.h"
 #include "support/scripted_ipc.h"
 
 namespace {
 
-const std::string root = OBS_IPC_KEY_ROOT;
+using namespace obs_test;
 
-// A policy context of the service "svc" over a scripted IPC provider, made by hand.
-class DirectoryTest : public obs_test::LogCaptureTest {
+class DirectoryTest : public ScriptedContextTest {
   protected:
-    // The lines logged since the last call (by operation when named), each followed by "|".
-    static std::string logged(const std::string &operation = "") {
-        std::string text;
-        for (const std::string &line : unnumbered_lines(operation)) text += line + "|";
-        obs_test::clear_captured_lines();
-        return text;
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+        create();
+        scripted_.sets.clear();
+        clear_captured_lines();
     }
-
-    obs_test::ScriptedIpc scripted_;
-    obs_sdk_policy_provider provider_ = {};
-    obs_policy_ctx ctx_ = {
-        nullptr, const_cast<char *>("svc"), &provider_, scripted_.table(), &scripted_, nullptr};
 };
 
 // What obs_policy_print_service writes for list.
@@ -45,53 +31,35 @@ std::string printed(const obs_policy_service *list) {
     return result;
 }
 
-// A list answer: malloc'd members (null where given), or no array but a claimed count.
-struct listing {
-    int result;
-    uint32_t claimed;
-    std::vector<const char *> names;
-};
-
-int answer(const listing &l, char ***members, uint32_t *count) {
-    *count = l.names.empty() ? l.claimed : static_cast<uint32_t>(l.names.size());
-    *members = l.names.empty() ? nullptr : static_cast<char **>(malloc(*count * sizeof(char *)));
-    for (uint32_t i = 0; i < l.names.size(); ++i)
-        (*members)[i] = l.names[i] ? strdup(l.names[i]) : nullptr;
-    return l.result;
-}
-
 // Every service's two indexes answer alike here. The directory keeps what can be trusted of a
 // listing a host may get wrong (null members, a count without an array), and owns all of it.
+// Printing skips missing names.
 TEST_F(DirectoryTest, ServicesComeBackInIndexOrderWithWhatTheirIndexesHold) {
     const struct {
-        listing services, inner;
+        ScriptedIpc::Listing services, inner;
         const char *log, *directory;
     } cases[] = {
-        {{0, 0, {"A", nullptr, "B"}},
-         {0, 0, {nullptr, "x"}},
+        {{{"A", nullptr, "B"}},
+         {{nullptr, "x"}},
          "count: 3|detect service: A|\tpolicy: x|\tscope: x|"
          "detect service: B|\tpolicy: x|\tscope: x|",
          "service: A\n  scope : x\n  sdk : x\nservice: B\n  scope : x\n  sdk : x\n"},
-        {{0, 0, {}}, {}, "count: 0|", ""},
-        {{-5, 0, {}}, {}, "fail: -5|", ""},
-        {{0, 3, {}}, {}, "count: 3|", ""},
-        {{0, 0, {"A"}}, {-1, 0, {}}, "count: 1|detect service: A|", "service: A\n"},
-        {{0, 0, {"A"}}, {0, 2, {}}, "count: 1|detect service: A|", "service: A\n"},
+        {{}, {}, "count: 0|", ""},
+        {{{}, -5}, {}, "fail: -5|", ""},
+        {{{}, 0, 3}, {}, "count: 3|", ""},
+        {{{"A"}}, {{}, -1}, "count: 1|detect service: A|", "service: A\n"},
+        {{{"A"}}, {{}, 0, 2}, "count: 1|detect service: A|", "service: A\n"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);
-        scripted_.list_script = [&c](const std::string &key, char ***members, uint32_t *count) {
-            return answer(key == root + "service_keys" ? c.services : c.inner, members, count);
-        };
-        obs_policy_service *directory = obs_policy_load_service(&ctx_);
+        scripted_.indexes[root + "service_keys"] = c.services;
+        scripted_.others = c.inner;
+        obs_policy_service *directory = obs_policy_load_service(ctx_);
         EXPECT_EQ(c.directory, printed(directory));
         EXPECT_EQ(std::string("obs_policy_load_service:N detect registered services ") + c.log,
                   logged());
         obs_policy_free_service(directory);
     }
-}
-
-TEST_F(DirectoryTest, PrintSkipsMissingNamesAndNullsAreIgnored) {
     char scope[] = "default", *scopes[] = {nullptr, scope};
     obs_policy_service entry = {nullptr, scopes, 2, nullptr, 1, nullptr};
     EXPECT_EQ("  scope : default\n", printed(&entry));
@@ -105,21 +73,21 @@ TEST_F(DirectoryTest, ReportsAreNumberedInTurnAndGoBySendElseBySet) {
     obs_policy report = {};
     report.path = path;
     EXPECT_EQ(-1, obs_policy_send_report(nullptr, &report));
-    EXPECT_EQ(-1, obs_policy_send_report(&ctx_, nullptr));
+    EXPECT_EQ(-1, obs_policy_send_report(ctx_, nullptr));
     scripted_.result = 7;
-    EXPECT_EQ(7, obs_policy_send_report(&ctx_, &report));
+    EXPECT_EQ(7, obs_policy_send_report(ctx_, &report));
     EXPECT_EQ(root + "service{svc}/report", scripted_.sends.at(0).key);
     EXPECT_EQ("obs_policy_send_report:N path=" + std::string(path) +
-                  " vlen=" + std::to_string(scripted_.sends[0].data.size()) +
+                  " vlen=" + std::to_string(scripted_.sends[0].value.size()) +
                   " seq=" + std::to_string(report.seq_id) + ", ret=7|",
               logged("obs_policy_send_report"));
     const uint64_t first = report.seq_id;
     scripted_.table()->send = nullptr;
-    EXPECT_EQ(7, obs_policy_send_report(&ctx_, &report));
+    EXPECT_EQ(7, obs_policy_send_report(ctx_, &report));
     EXPECT_EQ(first + 1, report.seq_id);
     EXPECT_EQ("", scripted_.sets.at(0).index_key + scripted_.sets.at(0).member);
     scripted_.table()->set = nullptr;
-    EXPECT_EQ(-1, obs_policy_send_report(&ctx_, &report));
+    EXPECT_EQ(-1, obs_policy_send_report(ctx_, &report));
     EXPECT_EQ(first + 1, report.seq_id);
 }
 
@@ -128,17 +96,18 @@ TEST_F(DirectoryTest, ConcurrentReportersNeverShareANumber) {
     obs_ipc_provider silent = {};
     silent.set = [](void *, const char *, const void *, uint32_t, const char *, const void *,
                     uint32_t) { return 0; };
-    ctx_.ipc = &silent;
+    ctx_->ipc = &silent;
     std::vector<uint64_t> numbers[2];
     auto report_many = [this](std::vector<uint64_t> *taken) {
         for (obs_policy report = {}; taken->size() < 500; taken->push_back(report.seq_id))
-            obs_policy_send_report(&ctx_, &report);
+            obs_policy_send_report(ctx_, &report);
     };
     std::thread first(report_many, &numbers[0]), second(report_many, &numbers[1]);
     first.join();
     second.join();
     std::set<uint64_t> all(numbers[0].begin(), numbers[0].end());
     all.insert(numbers[1].begin(), numbers[1].end());
+    ctx_->ipc = scripted_.table();
     ASSERT_EQ(1000u, all.size());
     EXPECT_EQ(*all.begin() + 999, *all.rbegin());
 }
@@ -150,54 +119,43 @@ void record_report(obs_policy_ctx *, const char *service, obs_policy *report) {
     seen += std::string(service) + "|" + (report && report->path ? report->path : "null") + "|";
 }
 
-TEST_F(DirectoryTest, SubscribesToTheNamedServiceOrEveryService) {
-    provider_.service_report_handler = record_report;
-    obs_policy_set_service_report(&ctx_, "svcA", nullptr);
-    EXPECT_EQ(nullptr, provider_.service_report_handler);
-    obs_policy_set_service_report(&ctx_, "a{b", record_report);
-    EXPECT_TRUE(scripted_.subscriptions.empty());
+// The handler subscribes to the named service or every service and gets each report, renamed
+// only when it names no service.
+TEST_F(DirectoryTest, ReportHandlerSubscribesAndGetsReportsRenamedOnlyWhenNamingNoService) {
+    obs_policy_set_service_report(ctx_, "svcA", nullptr);
     scripted_.result = 3;
-    obs_policy_set_service_report(&ctx_, "svcA", record_report);
-    obs_policy_set_service_report(&ctx_, nullptr, record_report);
+    obs_policy_set_service_report(ctx_, "svcA", record_report);
+    obs_policy_set_service_report(ctx_, nullptr, record_report);
     const std::string subscribed = "obs_policy_set_service_report:N subscribe service report=";
-    EXPECT_EQ("invalid name, '{', '}' not allowed|" + subscribed + root +
-                  "service{svcA}/report ret=3|" + subscribed + root + "service{*}/report ret=3|",
+    EXPECT_EQ(subscribed + root + "service{svcA}/report ret=3|" + subscribed + root +
+                  "service{*}/report ret=3|",
               logged());
-    EXPECT_EQ(2u, scripted_.subscriptions.size());
-    provider_.service_report_handler = nullptr;
     scripted_.table()->subscribe = nullptr;
-    obs_policy_set_service_report(&ctx_, "svcA", record_report);
-    EXPECT_EQ(&record_report, provider_.service_report_handler);
-}
-
-TEST_F(DirectoryTest, HandlerGetsTheReportRenamedOnlyWhenItNamesNoService) {
+    obs_policy_set_service_report(ctx_, "svcA", record_report);  // installed, not subscribed
     const std::string key = root + "service{svcA}/report";
-    obs_policy report = {};
-    report.path = const_cast<char *>("/kuv/opa/service{}/scope{net}/obs");
-    obs_policy_send_report(&ctx_, &report);
-    report.path = const_cast<char *>("/kuv/opa/service{svcB}/scope{default}/obs");
-    obs_policy_send_report(&ctx_, &report);
-    const std::string unnamed = scripted_.sends[0].data, named = scripted_.sends[1].data;
-    provider_.service_report_handler = record_report;
+    const std::string unnamed = encoded(4, "r", nullptr, "/kuv/opa/service{}/scope{net}/obs"),
+                      any = encoded(4, "r", nullptr, "/kuv/opa/service{*}/scope{net}/obs"),
+                      named = encoded(4, "r", nullptr, "/kuv/opa/service{svcB}/scope{default}/obs");
     // Only len bytes (one for a negative len) on the heap, so reading past them is caught.
     auto deliver = [&](const std::string &data, int len) {
         seen.clear();
         logged();
         std::vector<char> bytes(data.begin(), data.begin() + (len > 0 ? len : 1));
-        sdk_policy_service_report_handler(&ctx_, 1, key.c_str(), key.c_str(), bytes.data(), len);
+        sdk_policy_service_report_handler(ctx_, 1, key.c_str(), key.c_str(), bytes.data(), len);
         EXPECT_EQ(
             "sdk_policy_service_report_handler:N path=" + key + " len=" + std::to_string(len) + "|",
             logged("sdk_policy_service_report_handler"));
         return seen;
     };
     EXPECT_EQ("svcA|/kuv/opa/service{svcA}/scope{net}/obs|", deliver(unnamed, int(unnamed.size())));
+    EXPECT_EQ("svcA|/kuv/opa/service{svcA}/scope{net}/obs|", deliver(any, int(any.size())));
     EXPECT_EQ("svcA|/kuv/opa/service{svcB}/scope{default}/obs|", deliver(named, int(named.size())));
     EXPECT_EQ("svcA|null|", deliver(named, int(named.size()) - 3));
     EXPECT_EQ("svcA|null|", deliver(named, -1));
     seen.clear();
-    sdk_policy_service_report_handler(&ctx_, 2, key.c_str(), "", named.data(), int(named.size()));
+    sdk_policy_service_report_handler(ctx_, 2, key.c_str(), "", named.data(), int(named.size()));
     EXPECT_EQ("", logged());
-    sdk_policy_service_report_handler(&ctx_, 1, "/x/report", "", named.data(), int(named.size()));
+    sdk_policy_service_report_handler(ctx_, 1, "/x/report", "", named.data(), int(named.size()));
     sdk_policy_service_report_handler(nullptr, 1, key.c_str(), "", nullptr, 0);
     EXPECT_EQ("", seen);
 }

@@ -1,68 +1,42 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "observability_api.h"
-#include "support/log_capture.h"
 #include "support/scripted_ipc.h"
 #include "support/value_text.h"
 
 namespace {
 
-const std::string root = OBS_IPC_KEY_ROOT;
+using namespace obs_test;
+
 const std::string key = root + "service{svc}/scope{net}/probe";
 
-// The encoded form of a record with op, reqid and, when given, a raw text.
-std::string encoded(int op, const char *reqid, const char *raw = nullptr) {
-    obs_policy record = {};
-    record.op = static_cast<uint8_t>(op);
-    record.reqid = const_cast<char *>(reqid);
-    record.raw_val = const_cast<char *>(raw);
-    record.raw_vlen = raw ? static_cast<uint32_t>(strlen(raw) + 1) : 0;
-    char *text = nullptr;
-    uint32_t len = 0;
-    obs_policy_internal_encode(&record, &text, &len);
-    std::string bytes(text, len);
-    free(text);
-    return bytes;
-}
-
-// A context of the provider "probe" over a scripted IPC provider. Its translator copies each
-// record, but none of one with the reqid "drop" and two of one with "twice".
-class IntakeTest : public obs_test::LogCaptureTest {
+// The context's translator copies each record, but none of one with the reqid "drop" and two of
+// one with "twice".
+class IntakeTest : public ScriptedContextTest {
   protected:
     void SetUp() override {
         LogCaptureTest::SetUp();
-        ctx_ = obs_policy_ctx_init(this, "svc", record_list, scripted_.table(), &provider_);
+        provider_.policy_translator = translate;
+        create(record_list);
         ASSERT_NE(nullptr, ctx_);
-        obs_test::clear_captured_lines();
-    }
-    void TearDown() override {
-        obs_policy_ctx_free(ctx_);
-        LogCaptureTest::TearDown();
+        clear_captured_lines();
     }
     void deliver(int op, const std::string &data, const std::string &path = key) {
         sdk_policy_subscribe_handler(ctx_, op, path.c_str(), path.c_str(), data.data(),
                                      static_cast<int>(data.size()));
     }
-    static std::string text_of(const void *t) { return t ? static_cast<const char *>(t) : ""; }
     // A record as "reqid op name path".
     static std::string described(const obs_policy *p) {
         return text_of(p->reqid) + " " + std::to_string(p->op) + " " + text_of(p->name) + " " +
                text_of(p->path);
     }
-    // The handler and the translator are handed the fixture as user_ctx.
     static void record_list(obs_policy_ctx *ctx, const char *service, obs_policy *list,
                             void *user) {
-        auto *self = static_cast<IntakeTest *>(user);
+        auto *self = fixture<IntakeTest>(user);
         EXPECT_TRUE(ctx == self->ctx_ && std::string(service) == "svc");
         for (obs_policy *p = list; p; p = p->next) self->seen_.push_back(described(p));
     }
     static obs_policy *translate(void *user, const char *service, obs_policy *record) {
-        auto *self = static_cast<IntakeTest *>(user);
+        auto *self = fixture<IntakeTest>(user);
         ++self->translated_;
         EXPECT_TRUE(record->owner == self->ctx_ && !record->next && std::string(service) == "svc");
         const std::string reqid = text_of(record->reqid);
@@ -72,59 +46,57 @@ class IntakeTest : public obs_test::LogCaptureTest {
         return copy;
     }
 
-    obs_test::ScriptedIpc scripted_;
-    obs_sdk_policy_provider provider_{0,       "probe",        "2.5",   obs_policy_init,
-                                      nullptr, nullptr,        nullptr, translate,
-                                      nullptr, obs_policy_free};
-    obs_policy_ctx *ctx_ = nullptr;
     std::vector<std::string> seen_;
     int translated_ = 0;
 };
 
-TEST_F(IntakeTest, ValuesWithoutARecordAreDroppedUnlessTheKeyWasDeleted) {
+// Values without a record are dropped unless the key was deleted; the translator runs once per
+// record and what it drops is left out.
+TEST_F(IntakeTest, DeliveredValuesReachTheHandlerAsTranslated) {
     deliver(1, encoded(1, "r1"), "/no");
     deliver(1, "garbage");
     deliver(2, "");
-    EXPECT_EQ(
-        std::vector<std::string>{"sdk_policy_subscribe_handler:N policy path is not valid, /no"},
-        unnumbered_lines("sdk_policy_subscribe_handler"));
     deliver(2, "garbage");
-    EXPECT_EQ(std::vector<std::string>{"test-manualy-delete 2 probe " + key}, seen_);
-    const std::string at = "sdk_policy_decode:N ";
-    EXPECT_EQ((std::vector<std::string>{
-                  at + "path=" + key + " op=1 len=7", at + "path=" + key + " op=2 len=7",
-                  at + "reqid=test-manualy-delete path=" + key + " op=2 codec len=0 raw len=0",
-                  at + "policy_apply_translate found, run it"}),
-              unnumbered_lines("sdk_policy_decode"));
-}
-
-TEST_F(IntakeTest, TranslatorRunsOncePerRecordAndWhatItDropsIsLeftOut) {
     deliver(1, encoded(1, "drop"));
     deliver(1, encoded(1, "twice"));
     provider_.policy_translator = nullptr;
     deliver(1, encoded(1, "drop"));
-    EXPECT_EQ((std::vector<std::string>{"twice 1  ", "twice 1  ", "drop 1  "}), seen_);
+    EXPECT_EQ((std::vector<std::string>{"test-manualy-delete 2 probe " + key, "twice 1  ",
+                                        "twice 1  ", "drop 1  "}),
+              seen_);
+    std::vector<std::string> handled(4,
+                                     "sdk_policy_subscribe_handler:N policy handler found, run it");
+    handled[0] = "sdk_policy_subscribe_handler:N policy path is not valid, /no";
+    EXPECT_EQ(handled, unnumbered_lines("sdk_policy_subscribe_handler"));
+    const std::string at = "sdk_policy_decode:N ";
+    const std::vector<std::string> decoded = unnumbered_lines("sdk_policy_decode");
+    EXPECT_EQ((std::vector<std::string>{
+                  at + "path=" + key + " op=1 len=7", at + "path=" + key + " op=2 len=7",
+                  at + "reqid=test-manualy-delete path=" + key + " op=2 codec len=0 raw len=0",
+                  at + "policy_apply_translate found, run it"}),
+              std::vector<std::string>(decoded.begin(), decoded.begin() + 4));
 }
 
 TEST_F(IntakeTest, QueriesAreAnsweredByReportUnlessAlreadyAnsweredOrUnanswerable) {
     scripted_.stored[key] = encoded(1, "s1", "stored answer");
     deliver(1, encoded(4, "stored"));
     deliver(1, encoded(4, "answered", "other"));
-    scripted_.table()->dump_debuginfo = nullptr;
     deliver(1, encoded(4, "debug", "debug"));
+    scripted_.table()->dump_debuginfo = nullptr;
+    deliver(1, encoded(4, "no dump", "debug"));
     scripted_.table()->get = nullptr;
     deliver(1, encoded(4, "no get", "debug"));
-    std::vector<std::string> reports;
+    std::string reports;
     for (const auto &send : scripted_.sends) {
         obs_policy *sent = nullptr;
-        obs_policy_internal_decode(send.data.data(), static_cast<uint32_t>(send.data.size()),
+        obs_policy_internal_decode(send.value.data(), static_cast<uint32_t>(send.value.size()),
                                    &sent);
-        reports.push_back(text_of(sent->reqid) + "|" + text_of(sent->raw_val) + "|" +
-                          std::to_string(sent->raw_vlen) + "|" + std::to_string(sent->format));
+        reports += text_of(sent->reqid) + "|" + text_of(sent->raw_val) + "|" +
+                   std::to_string(sent->raw_vlen) + "|" + std::to_string(sent->format) + " ";
         obs_policy_free(sent);
     }
     EXPECT_EQ(
-        (std::vector<std::string>{"stored|stored answer|14|1", "debug|there is no policy|19|1"}),
+        "stored|stored answer|14|1 debug|scripted debug|15|1 no dump|there is no policy|19|1 ",
         reports);
     EXPECT_EQ("sdk_policy_subscribe_handler:N read policy=" + key +
                   " len=" + std::to_string(scripted_.stored[key].size()) + " ret=0",
@@ -133,8 +105,8 @@ TEST_F(IntakeTest, QueriesAreAnsweredByReportUnlessAlreadyAnsweredOrUnanswerable
 
 // A query whose codec text translates is answered with a report that carries no byte of the
 // translated entry chain (its addresses would go to whoever reads reports).
-TEST(IntakeQueryTest, ReportsOfTranslatedQueriesCarryNoEntryChain) {
-    using namespace obs_test;
+using IntakeQueryTest = IntakeTest;
+TEST_F(IntakeQueryTest, ReportsOfTranslatedQueriesCarryNoEntryChain) {
     const std::string policy =
         kvlist({pair("scope_name", str("xxxxxxx")), pair("sampling", integer(2)),
                 pair("log_level", integer(3))});
@@ -143,17 +115,11 @@ TEST(IntakeQueryTest, ReportsOfTranslatedQueriesCarryNoEntryChain) {
         kvlist({pair("reqid", str("q")), pair("type", integer(0)), pair("op", integer(4)),
                 pair("format", integer(16)), pair("seq_id", integer(0)),
                 pair("codec_vlen", integer(125)), pair("codec_val", str(policy))});
-    ScriptedIpc scripted;
-    obs_policy_ctx *ctx = obs_policy_ctx_init(
-        nullptr, "svc", [](obs_policy_ctx *, const char *, obs_policy *, void *) {},
-        scripted.table(), obs_get_ot_sdk_policy_provider());
-    ASSERT_NE(nullptr, ctx);
-    const std::string policy_key = root + "service{svc}/scope{default}/obs";
-    sdk_policy_subscribe_handler(ctx, OBS_IPC_EVENT_SET, policy_key.c_str(), policy_key.c_str(),
-                                 query.c_str(), static_cast<int>(query.size() + 1));
-    obs_policy_ctx_free(ctx);
-    ASSERT_EQ(1u, scripted.sends.size());
-    const std::string &report = scripted.sends[0].data;
+    provider_.policy_translator = sdk_policy_ot_apply_translate;
+    provider_.free = sdk_policy_ot_free;
+    deliver(OBS_IPC_EVENT_SET, std::string(query.c_str(), query.size() + 1));
+    ASSERT_EQ(1u, scripted_.sends.size());
+    const std::string &report = scripted_.sends[0].value;
     EXPECT_EQ(report.find("codec_"), std::string::npos) << report;
     EXPECT_NE(report.find(pair("raw_val", str("there is no policy"))), std::string::npos) << report;
 }

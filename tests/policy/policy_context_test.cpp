@@ -1,87 +1,45 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <regex>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "observability_api.h"
-#include "support/log_capture.h"
 #include "support/scripted_ipc.h"
 
 namespace {
 
-const std::string root = OBS_IPC_KEY_ROOT;
+using namespace obs_test;
 
-std::string pointer_text(const void *p) {
-    char text[32];
-    snprintf(text, sizeof text, "%p", p);
-    return text;
+std::string uid_key_of(const std::string &service) {
+    return root + "service{" + service + "}/uid";
 }
 
-// Contexts of "svc" over a scripted IPC provider, with the fixture as user_ctx.
-class PolicyContextTest : public obs_test::LogCaptureTest {
+// Handlers note what they were given, the policy handler also how many sets came before.
+class PolicyContextTest : public ScriptedContextTest {
   protected:
-    void TearDown() override {
-        obs_policy_ctx_free(ctx_);
-        // Every context made was released once, through the IPC's free and the provider's.
-        const int made = static_cast<int>(scripted_.init_contexts.size());
-        EXPECT_TRUE(scripted_.frees == made && ctx_frees_ == made);
-        LogCaptureTest::TearDown();
-    }
-    // A new context; how many sets, subscriptions and gets creating it took.
-    std::string create(obs_policy_handler_fn handler = record_policy) {
-        obs_policy_ctx_free(ctx_);
-        scripted_.sets.clear();
-        scripted_.subscriptions.clear();
-        scripted_.gets.clear();
-        ctx_ = obs_policy_ctx_init(this, "svc", handler, scripted_.table(), &provider_);
-        return std::to_string(scripted_.sets.size()) + " " +
-               std::to_string(scripted_.subscriptions.size()) + " " +
-               std::to_string(scripted_.gets.size());
-    }
-    static std::string uid_key_of(const std::string &s) { return root + "service{" + s + "}/uid"; }
-    static PolicyContextTest *self(void *user) { return static_cast<PolicyContextTest *>(user); }
-    // Handlers note what they were given, the policy handler also how many sets came before.
     static void record_policy(obs_policy_ctx *, const char *service, obs_policy *list, void *user) {
-        self(user)->handled_.push_back(std::string(service) + " " + list->reqid + " after " +
-                                       std::to_string(self(user)->scripted_.sets.size()));
+        auto *self = fixture<PolicyContextTest>(user);
+        self->handled_.push_back(std::string(service) + " " + list->reqid + " after " +
+                                 std::to_string(self->scripted_.sets.size()));
     }
     static void record_online(obs_policy_ctx *ctx, const char *service, const void *uid) {
-        self(ctx->user_ctx)
-            ->handled_.push_back(std::string(service) + " " + static_cast<const char *>(uid));
-    }
-    static void count_and_free(obs_policy_ctx *ctx) {
-        ++self(ctx->user_ctx)->ctx_frees_;
-        free(ctx);
+        fixture<PolicyContextTest>(ctx->user_ctx)
+            ->handled_.push_back(std::string(service) + " " + text_of(uid));
     }
 
-    obs_test::ScriptedIpc scripted_;
-    obs_sdk_policy_provider provider_{0,       "probe", "2.5",   obs_policy_init, count_and_free,
-                                      nullptr, nullptr, nullptr, nullptr,         obs_policy_free};
-    obs_policy_ctx *ctx_ = nullptr;
     std::vector<std::string> handled_;
-    int ctx_frees_ = 0;
 };
 
 TEST_F(PolicyContextTest, AnnouncesTheServiceThenHandsTheStoredDefaultPolicyOver) {
     const std::string default_key = root + "service{svc}/scope{default}/probe";
-    obs_policy stored = {};
-    stored.reqid = const_cast<char *>("stored");
-    char *text = nullptr;
-    uint32_t len = 0;
-    obs_policy_internal_encode(&stored, &text, &len);
-    scripted_.stored[default_key] = std::string(text, len);
-    free(text);
+    scripted_.stored[default_key] = encoded(0, "stored");
+    const std::string len = std::to_string(scripted_.stored[default_key].size());
     scripted_.result = 5;
     provider_.service_online_handler = record_online;
     int creator = 0;
     // On a thread of its own, so that its id is not the process id.
     std::thread([&] {
         creator = obs_gettid();
-        create();
+        create(record_policy);
     }).join();
     const std::string uid = scripted_.sets.at(1).value;
     // Thread id, seconds and nanoseconds, none padded (nanoseconds below 10^8 would show it).
@@ -96,6 +54,7 @@ TEST_F(PolicyContextTest, AnnouncesTheServiceThenHandsTheStoredDefaultPolicyOver
                   "service{svc}/uid=" + uid + " service_keys<-svc",
                   "service{svc}/scope{default}/name=default service{svc}/scope_keys<-default"}),
               sets);
+    EXPECT_EQ(root + "service{svc}/scope{*}/probe", scripted_.subscriptions.at(0).path);
     EXPECT_EQ(uid_key_of("*"), scripted_.subscriptions.at(1).path);
     EXPECT_EQ(std::vector<std::string>{"svc stored after 3"}, handled_);
     const std::string at = "obs_policy_ctx_init:N ";
@@ -107,20 +66,20 @@ TEST_F(PolicyContextTest, AnnouncesTheServiceThenHandsTheStoredDefaultPolicyOver
                 " init=" + pointer_text(&scripted_),
             at + "register and subscribe sdk=probe ret=5 ret2=5",
             at + "register path=" + uid_key_of("svc") + " ret=5 default scope ret=5 uid=" + uid,
-            at + "try load policy=" + default_key + " len=" + std::to_string(len) + " ret=0"}),
+            at + "try load policy=" + default_key + " len=" + len + " ret=0"}),
         unnumbered_lines("obs_policy_ctx_init"));
 }
 
 TEST_F(PolicyContextTest, HandlerAndIpcSlotsDecideWhatIsRegisteredSubscribedAndLoaded) {
     const obs_ipc_provider all_slots = *scripted_.table();
-    EXPECT_EQ("2 0 0", create(nullptr));
-    scripted_.table()->subscribe = nullptr;
     EXPECT_EQ("2 0 0", create());
+    scripted_.table()->subscribe = nullptr;
+    EXPECT_EQ("2 0 0", create(record_policy));
     scripted_.table()->subscribe = all_slots.subscribe;
     scripted_.table()->set = nullptr;
-    EXPECT_EQ("0 0 1", create());
+    EXPECT_EQ("0 0 1", create(record_policy));
     scripted_.table()->get = nullptr;
-    EXPECT_EQ("0 0 0", create());
+    EXPECT_EQ("0 0 0", create(record_policy));
 }
 
 TEST_F(PolicyContextTest, RefusalsGiveNullAfterTheirLine) {
@@ -140,27 +99,16 @@ TEST_F(PolicyContextTest, RefusalsGiveNullAfterTheirLine) {
               unnumbered_lines("obs_policy_ctx_init"));
 }
 
-TEST_F(PolicyContextTest, RegisterScopeCutsItsIndexKeyAndRefusesAnEmptyScopeName) {
-    create(nullptr);
-    const std::string service(300, 's');
-    obs_policy_register_scope(ctx_, service.c_str(), "net");
-    EXPECT_EQ((root + "service{" + service + "}/scope_keys").substr(0, 255),
-              scripted_.sets.back().index_key);
-    EXPECT_EQ(-1, obs_policy_register_scope(ctx_, "svc", ""));
-}
-
 TEST_F(PolicyContextTest, ServiceOnlineSubscribesToAServiceUidAndForwardsItsEvents) {
-    create(nullptr);
-    obs_test::clear_captured_lines();
+    create();
+    clear_captured_lines();
     obs_policy_set_service_online(ctx_, "svcA", record_online);
     obs_policy_set_service_online(ctx_, "svcA", nullptr);
-    EXPECT_EQ(nullptr, provider_.service_online_handler);
     obs_policy_set_service_online(ctx_, "a}b", record_online);  // kept, though not subscribed
-    EXPECT_EQ(record_online, provider_.service_online_handler);
     const std::string path = uid_key_of("svcA");
     const char uid[] = "12-3-4";
     // Only the first event has a value and a service in its path.
-    scripted_.deliver(path, 1, path, uid, sizeof uid);
+    scripted_.subscriptions.back().handler(ctx_, 1, path.c_str(), "", uid, sizeof uid);
     sdk_policy_service_online_handler(ctx_, 1, path.c_str(), "", uid, 0);
     sdk_policy_service_online_handler(ctx_, 1, "/no/service/uid", "", uid, 7);
     EXPECT_EQ(std::vector<std::string>{"svcA 12-3-4"}, handled_);
@@ -172,26 +120,28 @@ TEST_F(PolicyContextTest, ServiceOnlineSubscribesToAServiceUidAndForwardsItsEven
               unnumbered_lines());
 }
 
-TEST_F(PolicyContextTest, MissingSlotsHooksAndHandlesAreSkipped) {
-    create(nullptr);
+// Scope names are checked and the scope index key cut at 255 characters; missing slots, hooks
+// and handles are skipped.
+TEST_F(PolicyContextTest, ScopesAndMissingSlotsHooksAndHandles) {
+    create();
+    const std::string service(300, 's');
+    obs_policy_register_scope(ctx_, service.c_str(), "net");
+    EXPECT_EQ((root + "service{" + service + "}/scope_keys").substr(0, 255),
+              scripted_.sets.back().index_key);
+    EXPECT_EQ(-1, obs_policy_register_scope(ctx_, "svc", ""));
     scripted_.table()->set = nullptr;
     EXPECT_EQ(-1, obs_policy_register_scope(ctx_, "svc", "net"));
     const std::string path = uid_key_of("svc");
     sdk_policy_service_online_handler(ctx_, 0, path.c_str(), path.c_str(), "1-2-3", 6);
     EXPECT_TRUE(handled_.empty());
-    void *ipc_ctx = ctx_->ipc_ctx;
-    ctx_->ipc_ctx = nullptr;
-    EXPECT_EQ(nullptr, obs_policy_dump_debuginfor(ctx_));
-    ctx_->ipc_ctx = ipc_ctx;
-}
-
-TEST_F(PolicyContextTest, ReleasesAContextOverAnIpcWithoutFree) {
-    obs_test::ScriptedIpc ipc;
-    ipc.table()->free = nullptr;
-    obs_policy_ctx *ctx =
-        obs_policy_ctx_init(nullptr, "svc", nullptr, ipc.table(), obs_get_ot_sdk_policy_provider());
-    ASSERT_NE(nullptr, ctx);
-    obs_policy_ctx_free(ctx);
+    obs_policy_ctx no_handle = *ctx_;
+    no_handle.ipc_ctx = nullptr;
+    EXPECT_EQ(nullptr, obs_policy_dump_debuginfor(&no_handle));
+    obs_ipc_provider no_free = *scripted_.table();
+    no_free.init = [](void *, const char *, void *loop) { return loop; };
+    no_free.free = nullptr;
+    obs_policy_ctx_free(
+        obs_policy_ctx_init(nullptr, "svc", nullptr, &no_free, obs_get_ot_sdk_policy_provider()));
 }
 
 }  // namespace

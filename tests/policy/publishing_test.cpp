@@ -1,40 +1,24 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <regex>
-#include <string>
-#include <vector>
 
-#include "observability_api.h"
-#include "support/log_capture.h"
 #include "support/scripted_ipc.h"
 
 namespace {
 
-const std::string root = OBS_IPC_KEY_ROOT;
+using namespace obs_test;
 
 // A publishing context of the SDK "obs" over a scripted IPC provider, and a directory of three
 // services: a and b registered "obs" with the scopes "default" and "net", c another SDK.
-class PublishingTest : public obs_test::LogCaptureTest {
+class PublishingTest : public ScriptedContextTest {
   protected:
     void SetUp() override {
-        for (const char *name : {"a", "b"}) {
-            scripted_.indexes[root + "service{" + name + "}/scope_keys"] = {"default", "net"};
-            scripted_.indexes[root + "service{" + name + "}/policysdk_keys"] = {"obs"};
-        }
-        scripted_.indexes[root + "service_keys"] = {"a", "b", "c"};
-        scripted_.indexes[root + "service{c}/scope_keys"] = {"default"};
-        scripted_.indexes[root + "service{c}/policysdk_keys"] = {"other"};
-        directory_ = obs_policy_load_service(&ctx_);
+        LogCaptureTest::SetUp();
+        create();
         provider_.type = OBS_POLICY_PROVIDER_SDK;
         provider_.name = "obs";
-        LogCaptureTest::SetUp();
-    }
-    void TearDown() override {
-        obs_policy_free_service(directory_);
-        LogCaptureTest::TearDown();
+        written();
+        clear_captured_lines();
     }
 
     // The keys written since the last call, stores then sends, as "service/scope/sdk " words.
@@ -48,10 +32,11 @@ class PublishingTest : public obs_test::LogCaptureTest {
                                   "$1/$2/");
     }
 
-    obs_test::ScriptedIpc scripted_;
-    obs_sdk_policy_provider provider_ = {};
-    obs_policy_ctx ctx_ = {nullptr, nullptr, &provider_, scripted_.table(), &scripted_, nullptr};
-    obs_policy_service *directory_ = nullptr;
+    char *scopes_[2] = {const_cast<char *>("default"), const_cast<char *>("net")};
+    char *obs_[1] = {const_cast<char *>("obs")}, *other_[1] = {const_cast<char *>("other")};
+    obs_policy_service c_ = {const_cast<char *>("c"), scopes_, 1, other_, 1, nullptr};
+    obs_policy_service b_ = {const_cast<char *>("b"), scopes_, 2, obs_, 1, &c_};
+    obs_policy_service directory_[1] = {{const_cast<char *>("a"), scopes_, 2, obs_, 1, &b_}};
 };
 
 TEST_F(PublishingTest, RecordsReachTheScopesThatTargetAndPathSelect) {
@@ -77,12 +62,12 @@ TEST_F(PublishingTest, RecordsReachTheScopesThatTargetAndPathSelect) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);
-        obs_test::clear_captured_lines();
+        clear_captured_lines();
         provider_.type = c.type;
         obs_policy rec = {};
         rec.name = const_cast<char *>(c.name);
         rec.path = const_cast<char *>(c.path);
-        const int result = obs_policy_publish(&ctx_, &rec, c.target, directory_);
+        const int result = obs_policy_publish(ctx_, &rec, c.target, directory_);
         EXPECT_EQ(c.outcome, written() + (result ? std::to_string(result) : ""));
         EXPECT_EQ(
             std::vector<std::string>{std::string("obs_policy_publish:N policy=") + shown(c.name) +
@@ -94,64 +79,59 @@ TEST_F(PublishingTest, RecordsReachTheScopesThatTargetAndPathSelect) {
 TEST_F(PublishingTest, PublishAndDispatchRefuseWhatTheyCannotUse) {
     obs_policy rec = {};
     rec.name = const_cast<char *>("obs");
-    EXPECT_EQ(-2, obs_policy_publish(&ctx_, nullptr, nullptr, directory_));
-    EXPECT_EQ(-2, obs_policy_publish(&ctx_, &rec, nullptr, nullptr));
-    ctx_.provider = nullptr;
-    EXPECT_EQ(-2, obs_policy_publish(&ctx_, &rec, nullptr, directory_));
-    EXPECT_EQ(-1, obs_policy_dispatch(&ctx_, nullptr, nullptr, directory_));
-    EXPECT_EQ(-1, obs_policy_dispatch(&ctx_, &rec, nullptr, directory_));
+    obs_policy_ctx ctx = *ctx_;
+    EXPECT_EQ(-2, obs_policy_publish(&ctx, nullptr, nullptr, directory_));
+    EXPECT_EQ(-2, obs_policy_publish(&ctx, &rec, nullptr, nullptr));
+    ctx.provider = nullptr;
+    EXPECT_EQ(-2, obs_policy_publish(&ctx, &rec, nullptr, directory_));
+    EXPECT_EQ(-1, obs_policy_dispatch(&ctx, nullptr, nullptr, directory_));
+    EXPECT_EQ(-1, obs_policy_dispatch(&ctx, &rec, nullptr, directory_));
     EXPECT_EQ(-1, obs_policy_dispatch(nullptr, &rec, nullptr, directory_));
-    ctx_.ipc_ctx = nullptr;
-    EXPECT_EQ(-1, obs_policy_publish(&ctx_, &rec, nullptr, directory_));
-    ctx_.ipc_ctx = &scripted_;
+    ctx.ipc_ctx = nullptr;
+    EXPECT_EQ(-1, obs_policy_publish(&ctx, &rec, nullptr, directory_));
+    ctx.ipc_ctx = &scripted_;
     scripted_.table()->set = nullptr;
-    EXPECT_EQ(-1, obs_policy_publish(&ctx_, &rec, nullptr, directory_));
-    ctx_.ipc = nullptr;
-    EXPECT_EQ(-1, obs_policy_publish(&ctx_, &rec, nullptr, directory_));
+    EXPECT_EQ(-1, obs_policy_publish(&ctx, &rec, nullptr, directory_));
+    ctx.ipc = nullptr;
+    EXPECT_EQ(-1, obs_policy_publish(&ctx, &rec, nullptr, directory_));
     EXPECT_EQ(-1, obs_policy_publish(nullptr, &rec, nullptr, directory_));
     std::vector<std::string> expected(2, "obs_policy_dispatch:N no any policy provider found");
     expected.resize(6, "obs_policy_publish:N no any ipc provider found");
     EXPECT_EQ(expected, unnumbered_lines());
 }
 
-// Claims by a named SDK and their effect on a default provider are proven end to end.
-TEST_F(PublishingTest, DispatchSkipsOtherSdksAndUnnamedRecordsUnlessMonitoring) {
-    obs_policy rec = {};
-    provider_.type = OBS_POLICY_PROVIDER_DEFAULT;
-    EXPECT_EQ(0, obs_policy_dispatch(&ctx_, &rec, nullptr, directory_));
-    provider_.type = OBS_POLICY_PROVIDER_SDK;
-    EXPECT_EQ(0, obs_policy_dispatch(&ctx_, &rec, nullptr, directory_));
-    rec.name = const_cast<char *>("other");
-    EXPECT_EQ(0, obs_policy_dispatch(&ctx_, &rec, nullptr, directory_));
-    EXPECT_EQ(0u, rec.dispatch_flags);
-    EXPECT_EQ("", written());
-    EXPECT_TRUE(lines().empty());
-    provider_.type = OBS_POLICY_PROVIDER_MONITOR;
-    rec.dispatch_flags = OBS_POLICY_PROVIDER_SDK;
-    EXPECT_EQ(0, obs_policy_dispatch(&ctx_, &rec, nullptr, directory_));
-    rec.name = nullptr;
-    EXPECT_EQ(0, obs_policy_dispatch(&ctx_, &rec, nullptr, directory_));
-    EXPECT_EQ("a/default/obs b/default/obs a/default/obs b/default/obs ", written());
-    char taken[96];
-    snprintf(taken, sizeof taken, "obs_policy_dispatch:N sdk(obs) translator=%p, path=NA name=",
-             static_cast<void *>(nullptr));
-    EXPECT_EQ((std::vector<std::string>{taken + std::string("other len=0"),
-                                        taken + std::string("NA len=0")}),
-              unnumbered_lines("obs_policy_dispatch"));
-}
-
-// Two new records for the SDK "other" per input.
-obs_policy *split_in_two(obs_policy_ctx *, obs_policy *record) {
-    obs_policy *first = obs_policy_clone_one(record, 0);
-    free(first->name);
-    first->name = strdup("other");
-    first->next = obs_policy_clone_one(first, 0);
-    return first;
-}
-
-obs_policy *same_record(obs_policy_ctx *, obs_policy *record) {
-    EXPECT_EQ(nullptr, record->next);
-    return record;
+// A named SDK takes only its own records and claims them; a default provider takes named records
+// no named SDK has claimed; a monitor takes every record.
+TEST_F(PublishingTest, DispatchTakesRecordsByProviderClassAndClaims) {
+    const std::string both = "a/default/obs b/default/obs ";
+    const struct {
+        uint32_t type;
+        const char *name;
+        uint32_t flags;
+        std::string written;
+        uint32_t flags_after;
+    } cases[] = {
+        {0x10, nullptr, 0, "", 0},     {0x20, nullptr, 0, "", 0},
+        {0x20, "other", 0, "", 0},     {0x80, "other", 0x20, both, 0x20},
+        {0x80, nullptr, 0, both, 0},   {0x20, "obs", 0, both, 0x20},
+        {0x10, "obs", 0x20, "", 0x20}, {0x10, "obs", 0, both, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(&c - cases);
+        clear_captured_lines();
+        provider_.type = c.type;
+        obs_policy rec = {};
+        rec.name = const_cast<char *>(c.name);
+        rec.dispatch_flags = c.flags;
+        EXPECT_EQ(0, obs_policy_dispatch(ctx_, &rec, nullptr, directory_));
+        EXPECT_EQ(c.written, written());
+        EXPECT_EQ(c.flags_after, rec.dispatch_flags);
+        std::vector<std::string> taken;
+        if (!c.written.empty())
+            taken.push_back("obs_policy_dispatch:N sdk(obs) translator=" + pointer_text(nullptr) +
+                            ", path=NA name=" + (c.name ? c.name : "NA") + " len=0");
+        EXPECT_EQ(taken, unnumbered_lines("obs_policy_dispatch"));
+    }
 }
 
 // Under AddressSanitizer a result left unreleased, or the handed copy released, fails the test.
@@ -160,54 +140,59 @@ TEST_F(PublishingTest, EveryTranslatedRecordIsPublishedThenReleased) {
     obs_policy second = {}, first = {};
     second.name = first.name = const_cast<char *>("obs");
     first.next = &second;
-    provider_.dispatch_translator = split_in_two;
-    EXPECT_EQ(0, obs_policy_dispatch(&ctx_, &first, nullptr, directory_));
+    // Two new records for the SDK "other" per input.
+    provider_.dispatch_translator = [](obs_policy_ctx *, obs_policy *record) {
+        obs_policy *made = obs_policy_clone_one(record, 0);
+        free(made->name);
+        made->name = strdup("other");
+        made->next = obs_policy_clone_one(made, 0);
+        return made;
+    };
+    EXPECT_EQ(0, obs_policy_dispatch(ctx_, &first, nullptr, directory_));
     EXPECT_EQ("c/default/other c/default/other c/default/other c/default/other ", written());
-    provider_.dispatch_translator = same_record;
-    EXPECT_EQ(0, obs_policy_dispatch(&ctx_, &first, nullptr, directory_));
+    provider_.dispatch_translator = [](obs_policy_ctx *, obs_policy *record) {
+        EXPECT_EQ(nullptr, record->next);
+        return record;
+    };
+    EXPECT_EQ(0, obs_policy_dispatch(ctx_, &first, nullptr, directory_));
     EXPECT_EQ("a/default/obs b/default/obs a/default/obs b/default/obs ", written());
 }
 
 // Each copy carries its new path under the record's own root, else the default one.
-TEST_F(PublishingTest, IpcSendStoresUpToOpThreeAndSendsAboveWhenItCan) {
+TEST_F(PublishingTest, IpcSendStoresUpToOpThreeAndSendsAbove) {
     const std::string long_path = "/" + std::string(300, 'r') + "/service{old}";
     const struct {
         uint8_t op;
-        bool has_send, sent;
         const char *path;
         std::string root;
     } cases[] = {
-        {3, true, false, "/kuv/opa/service{old}/scope{x}/y", "/kuv/opa"},
-        {4, true, true, "/agent/root/service{old}/scope{x}/y", "/agent/root"},
-        {4, false, false, "/agent/root/scope{x}/y", "/kuv/opa"},
-        {1, true, false, nullptr, "/kuv/opa"},
-        {1, true, false, "/service{old}", ""},
-        {1, true, false, long_path.c_str(), "/" + std::string(254, 'r')},
+        {3, "/kuv/opa/service{old}/scope{x}/y", "/kuv/opa"},
+        {4, "/agent/root/service{old}/scope{x}/y", "/agent/root"},
+        {1, nullptr, "/kuv/opa"},
+        {1, "/service{old}", ""},
+        {1, long_path.c_str(), "/" + std::string(254, 'r')},
     };
-    const auto send = scripted_.table()->send;
     scripted_.result = 9;
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);
-        obs_test::clear_captured_lines();
-        scripted_.table()->send = c.has_send ? send : nullptr;
+        clear_captured_lines();
         obs_policy rec = {};
         rec.op = c.op;
         rec.path = const_cast<char *>(c.path);
-        obs_policy_ipc_send(&ctx_, &rec, "k", "a", "net", "obs");
+        obs_policy_ipc_send(ctx_, &rec, "k", "a", "net", "obs");
         EXPECT_EQ(c.path, rec.path);
-        ASSERT_EQ(c.sent ? 0u : 1u, scripted_.sets.size());
-        const size_t vlen =
-            c.sent ? scripted_.sends.at(0).data.size() : scripted_.sets[0].value.size();
-        for (const auto &set : scripted_.sets) EXPECT_EQ("", set.index_key + set.member);
-        EXPECT_EQ("k ", written());
+        const auto &made = c.op > OBS_POLICY_OP_REAPPLY ? scripted_.sends : scripted_.sets;
+        ASSERT_EQ(1u, made.size());
+        EXPECT_EQ("", made[0].index_key + made[0].member);
         EXPECT_EQ(std::vector<std::string>{"obs_policy_ipc_send:N to=k path=" + c.root +
                                            "/service{a}/scope{net}/obs vlen=" +
-                                           std::to_string(vlen) + " ret=9"},
+                                           std::to_string(made[0].value.size()) + " ret=9"},
                   unnumbered_lines("obs_policy_ipc_send"));
+        EXPECT_EQ("k ", written());
     }
     obs_policy rec = {};
     obs_policy_ipc_send(nullptr, &rec, "k", "a", "net", "obs");
-    obs_policy_ipc_send(&ctx_, &rec, nullptr, "a", "net", "obs");
+    obs_policy_ipc_send(ctx_, &rec, nullptr, "a", "net", "obs");
     EXPECT_EQ("", written());
 }
 

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
+#include <tuple>
 
 #include "policy_builders.h"
 
@@ -9,127 +8,81 @@ namespace {
 
 using namespace policy_ot_test;
 
-const std::string kTwoEntries = joined({kDefaultAllOn, kEverySampler});
+const std::string kTwoEntries = joined({kRichEntry, kEverySampler});
 
-class TranslateTest : public testing::Test {
-  protected:
-    void SetUp() override {
-        record_ = static_cast<obs_policy *>(calloc(1, sizeof(obs_policy)));
-        record_->format = OBS_POLICY_FORMAT_RAW | OBS_POLICY_FORMAT_CODEC_TEXT;
-        record_->path = strdup("/op/observability-policy-agent/service{svc}/scope{*}/obs");
-        record_->raw_vlen = 3;
-        record_->raw_val = strdup("ok");
-        set_codec(kTwoEntries);
-    }
-    void TearDown() override {
-        sdk_policy_ot_free(copy_);
-        obs_policy_free(record_);
-    }
-    void set_codec(const std::string &text) {
-        free(record_->codec_val);
-        record_->codec_val = strdup(text.c_str());
-        record_->codec_vlen = static_cast<uint32_t>(text.size() + 1);
-    }
-    obs_policy *translate() {
-        sdk_policy_ot_free(copy_);
-        return copy_ = sdk_policy_ot_apply_translate(nullptr, "svc", record_);
-    }
-    static const obs_policy_ot *entries(const obs_policy *record) {
-        return static_cast<const obs_policy_ot *>(record->codec_val);
-    }
-    obs_policy *record_ = nullptr;
-    obs_policy *copy_ = nullptr;
-};
-
-// The copy has the entries of a codec text when the format says it holds one; the record
-// translated stays as it was.
-TEST_F(TranslateTest, CodecTextBecomesAMarkedEntryChainInACopy) {
-    const struct {
-        uint8_t format;
-        const char *codec;  // null: the record keeps a text but with codec_vlen 0
-        uint8_t translated_format;
-        std::string entries;  // as encoded again
-    } cases[] = {
-        {0x11, kTwoEntries.c_str(), 0x21, kTwoEntries},
-        {0xdf, kDefaultAllOn, 0x2f, kDefaultAllOn},
-        {OBS_POLICY_FORMAT_RAW, kDefaultAllOn, OBS_POLICY_FORMAT_RAW, ""},
-        {OBS_POLICY_FORMAT_CODEC_TEXT, nullptr, OBS_POLICY_FORMAT_CODEC_TEXT, ""},
-        {0x11, "not a value", 0x21, ""},
-        {0x11, "{int 1 5}", 0x21, ""},
-        {0x11, "{kvlist 9 1 [{str 3 \"k\"", 0x21, ""},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.codec ? c.codec : "(no length)");
-        record_->format = c.format;
-        set_codec(c.codec ? c.codec : "x");
-        if (!c.codec) record_->codec_vlen = 0;
-        ASSERT_NE(translate(), nullptr);
-        EXPECT_EQ(copy_->format, c.translated_format);
-        EXPECT_EQ(encode(entries(copy_)), c.entries);
-        EXPECT_EQ(copy_->codec_val != nullptr, !c.entries.empty());
-        EXPECT_EQ(copy_->codec_vlen, c.entries.empty() ? 0u : sizeof(obs_policy_ot));
-        EXPECT_EQ(copy_->dispatch_flags, c.entries.empty() ? 0u : OBS_POLICY_FLAG_TRANSLATED);
-        EXPECT_NE(copy_->path, record_->path);
-        EXPECT_STREQ(copy_->path, record_->path);
-        EXPECT_STREQ(static_cast<const char *>(copy_->raw_val), "ok");
-        EXPECT_EQ(record_->format, c.format);
-        EXPECT_STREQ(static_cast<const char *>(record_->codec_val), c.codec ? c.codec : "x");
-    }
-    EXPECT_EQ(sdk_policy_ot_apply_translate(nullptr, nullptr, nullptr), nullptr);
+using record_ptr = std::unique_ptr<obs_policy, decltype(&sdk_policy_ot_free)>;
+// A received record: codec as codec value of vlen bytes (-1: with its terminator), raw "ok".
+record_ptr received(uint8_t format, const std::string &codec, int vlen = -1) {
+    const auto codec_vlen = static_cast<uint32_t>(vlen < 0 ? codec.size() + 1 : vlen);
+    return record_ptr(on_heap(obs_policy{0, 0, format, codec_vlen, 3, 0, 0, strdup("/p/obs"),
+                                         nullptr, strdup(codec.c_str()), strdup("ok"), nullptr,
+                                         nullptr, nullptr, nullptr}),
+                      sdk_policy_ot_free);
+}
+record_ptr translated(obs_policy *record) {
+    return record_ptr(sdk_policy_ot_apply_translate(nullptr, "svc", record), sdk_policy_ot_free);
+}
+const auto entries = [](const obs_policy *r) { return static_cast<obs_policy_ot *>(r->codec_val); };
+// The format and the codec value: "none", a marked chain's entries, anything else "bytes".
+std::string codec_of(const obs_policy *r) {
+    const bool marked = r->dispatch_flags & OBS_POLICY_FLAG_TRANSLATED;
+    const std::string format = std::to_string(r->format) + " ";
+    if (!r->codec_val && !r->codec_vlen && !marked) return format + "none";
+    return format +
+           (marked && r->codec_vlen == sizeof(obs_policy_ot) ? encode(entries(r)) : "bytes");
 }
 
-TEST_F(TranslateTest, CopiesOfTranslatedRecordsGetSeparateMarkedEntryChains) {
-    obs_policy *records = translate();
-    records->next = sdk_policy_ot_apply_translate(nullptr, "svc", record_);
-    obs_policy *copies = sdk_policy_ot_clone(records, 0);
-    ASSERT_EQ(length_of(copies), 2u);
-    for (const obs_policy *copy = copies, *src = records; copy;
-         copy = copy->next, src = src->next) {
-        EXPECT_NE(copy->codec_val, src->codec_val);
-        EXPECT_EQ(copy->codec_vlen, sizeof(obs_policy_ot));
-        EXPECT_EQ(copy->dispatch_flags, OBS_POLICY_FLAG_TRANSLATED);
-        EXPECT_EQ(copy->format, src->format);
-        EXPECT_EQ(encode(entries(copy)), kTwoEntries);
-        static_cast<obs_policy_ot *>(copy->codec_val)->log_level = 9;
-        EXPECT_EQ(entries(src)->log_level, 3);
+// The copy holds the entries of a codec text the format announces; the record stays as it was.
+TEST(TranslateTest, CodecTextBecomesAMarkedEntryChainInACopy) {
+    const std::tuple<uint8_t, std::string, int, std::string> cases[] = {
+        {0x11, kTwoEntries, -1, "33 " + kTwoEntries},
+        {0xdf, kDefaultAllOn, -1, "47 " + kDefaultAllOn},
+        {OBS_POLICY_FORMAT_RAW, kDefaultAllOn, -1, "1 none"},
+        {OBS_POLICY_FORMAT_CODEC_TEXT, kDefaultAllOn, 0, "16 none"},
+        {0x11, "{int 1 5}", -1, "33 none"},
+    };
+    for (const auto &[format, codec, vlen, expected] : cases) {
+        SCOPED_TRACE(codec);
+        record_ptr record = received(format, codec, vlen), copy = translated(record.get());
+        EXPECT_EQ(codec_of(copy.get()), expected);
+        EXPECT_STREQ(copy->path, record->path);
+        EXPECT_EQ(record->format, format);
     }
-    obs_policy *first = sdk_policy_ot_clone(records, 1);
-    EXPECT_EQ(length_of(first), 1u);
-    sdk_policy_ot_free(first);
-    sdk_policy_ot_free(copies);
+    EXPECT_EQ(translated(nullptr), nullptr);
+}
+
+// Each copy owns a marked chain of its own (ASan sees one shared). Only the mark makes a chain:
+// a forged record's bytes of an entry's size, freed as pointers, would crash.
+TEST(TranslateTest, CopiesOfTranslatedRecordsGetSeparateMarkedEntryChains) {
+    record_ptr source = received(0x11, kTwoEntries), list = translated(source.get());
+    obs_policy *forged = received(0x20, std::string(sizeof(obs_policy_ot) - 1, '\xa5')).release();
+    forged->dispatch_flags = ~OBS_POLICY_FLAG_TRANSLATED;
+    list->next = translated(source.get()).release();
+    list->next->next = forged;
+    for (int only_first : {0, 1}) {
+        record_ptr copies(sdk_policy_ot_clone(list.get(), only_first), sdk_policy_ot_free);
+        ASSERT_EQ(length_of(copies.get()), only_first ? 1u : 3u);
+        const obs_policy *src = list.get();
+        for (obs_policy *copy = copies.get(); copy; copy = copy->next, src = src->next) {
+            EXPECT_EQ(codec_of(copy), src == forged ? "32 none" : "33 " + kTwoEntries);
+            EXPECT_EQ(copy->dispatch_flags, src->dispatch_flags);
+        }
+    }
     EXPECT_EQ(sdk_policy_ot_clone(nullptr, 0), nullptr);
 }
 
-// Only the mark makes a codec value an entry chain: not a forged record (bytes of an entry's size
-// that would be freed as pointers), nor a byte copy of a translated record (which shares the
-// chain's pointers). Both are copied without codec value and released as plain blocks.
-// The chain holds this process's addresses: its message carries the rest of the record only.
-TEST_F(TranslateTest, TranslatedRecordsAreEncodedWithoutTheirEntryChain) {
+// The chain holds this process's addresses: no message or plain copy carries its bytes.
+TEST(TranslateTest, TranslatedRecordsAreEncodedWithoutTheirEntryChain) {
+    record_ptr record = received(0x11, kTwoEntries), copy = translated(record.get());
     char *text = nullptr;
     uint32_t len = 0;
-    obs_policy_internal_encode(translate(), &text, &len);
-    ASSERT_NE(text, nullptr);
-    const std::string message = text;
+    obs_policy_internal_encode(copy.get(), &text, &len);
+    const std::string message = text ? text : "<none>";
     free(text);
     EXPECT_EQ(message.find("codec_"), std::string::npos) << message;
     EXPECT_NE(message.find(pair("raw_val", str("ok"))), std::string::npos) << message;
-}
-
-TEST_F(TranslateTest, RecordsOfEntrySizeWithoutTheMarkAreNoEntryChains) {
-    obs_policy *forged = static_cast<obs_policy *>(calloc(1, sizeof(obs_policy)));
-    forged->format = OBS_POLICY_FORMAT_CODEC_BYTES;
-    forged->codec_vlen = sizeof(obs_policy_ot);
-    forged->codec_val = memset(malloc(sizeof(obs_policy_ot)), 0xa5, sizeof(obs_policy_ot));
-    forged->dispatch_flags = ~OBS_POLICY_FLAG_TRANSLATED;
-    // A plain copy of a translated record never holds the chain's bytes either.
-    obs_policy *plain_copy = obs_policy_clone_one(translate(), 1);
-    EXPECT_TRUE(!plain_copy->codec_val && !plain_copy->codec_vlen && !plain_copy->dispatch_flags);
-    obs_policy *copy = sdk_policy_ot_clone(forged, 0);
-    EXPECT_EQ(copy->codec_val, nullptr);
-    EXPECT_EQ(copy->codec_vlen, 0u);
-    EXPECT_EQ(copy->dispatch_flags, forged->dispatch_flags);
-    for (obs_policy *list : {copy, forged, plain_copy}) sdk_policy_ot_free(list);
-    EXPECT_EQ(encode(entries(copy_)), kTwoEntries);
+    record_ptr plain(obs_policy_clone_one(copy.get(), 1), sdk_policy_ot_free);
+    EXPECT_TRUE(!plain->codec_val && !plain->codec_vlen && !plain->dispatch_flags);
 }
 
 }  // namespace

@@ -1,84 +1,89 @@
 // Test double for the host's IPC provider: records every call the library makes, answers get and
-// list from scripted contents, and lets a test drop any optional slot. Handlers subscribed through
-// it are kept so a test can deliver events to them by hand.
+// list from scripted contents, and lets a test drop any optional slot. Also the fixture and the
+// few texts the policy channel suites share.
 #ifndef OBS_TESTS_SUPPORT_SCRIPTED_IPC_H
 #define OBS_TESTS_SUPPORT_SCRIPTED_IPC_H
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "observability_api.h"
+#include "support/log_capture.h"
 
 namespace obs_test {
 
+const std::string root = OBS_IPC_KEY_ROOT;
+
+inline std::string text_of(const void *text) {
+    return text ? static_cast<const char *>(text) : "";
+}
+
+// The encoded form of a record with op, reqid and, when given, a raw text and a path.
+inline std::string encoded(int op, const char *reqid, const char *raw = nullptr,
+                           const char *path = nullptr) {
+    obs_policy record = {};
+    record.op = static_cast<uint8_t>(op);
+    record.reqid = const_cast<char *>(reqid);
+    record.path = const_cast<char *>(path);
+    record.raw_val = const_cast<char *>(raw);
+    record.raw_vlen = raw ? static_cast<uint32_t>(strlen(raw) + 1) : 0;
+    char *text = nullptr;
+    uint32_t len = 0;
+    obs_policy_internal_encode(&record, &text, &len);
+    std::string bytes(text, len);
+    free(text);
+    return bytes;
+}
+
+inline std::string pointer_text(const void *p) {
+    char text[32];
+    snprintf(text, sizeof text, "%p", p);
+    return text;
+}
+
 class ScriptedIpc {
   public:
-    struct SetCall {
-        std::string key;
-        std::string value;
-        std::string index_key;  // empty when no index was given
-        std::string member;
+    struct Call {
+        std::string key, value, index_key, member;  // send: no index; set: "" when none given
     };
-    struct SendCall {
-        std::string key;
-        std::string data;  // the bytes as sent, terminator included
+
+    ScriptedIpc() {
+        table_ = {"scripted", "9.9", this,  &init, &release, &subscribe,
+                  nullptr,    &set,  &list, &get,  &send,    &dump_debuginfo};
+    }
+    obs_ipc_provider *table() { return &table_; }
+
+    std::map<std::string, std::string> stored;  // answers get; set writes it
+    // A list answer: the result and the members (null where given); with no members, a count
+    // without an array when claimed is set, as only a faulty or hostile host gives.
+    struct Listing {
+        std::vector<const char *> names;
+        int result = 0;
+        uint32_t claimed = 0;
     };
+    std::map<std::string, Listing> indexes;  // answers list; any other index answers others
+    Listing others;
+    int result = 0;  // what set, send and subscribe return
+
+    std::vector<Call> sets, sends;
     struct Subscription {
         std::string path;
         obs_ipc_handler handler;
     };
-
-    ScriptedIpc() {
-        table_.name = "scripted";
-        table_.version = "9.9";
-        table_.evloop = this;  // init hands it back as the ipc context
-        table_.init = &init;
-        table_.free = &release;
-        table_.subscribe = &subscribe;
-        table_.set = &set;
-        table_.list = &list;
-        table_.get = &get;
-        table_.send = &send;
-        table_.dump_debuginfo = &dump_debuginfo;
-    }
-
-    obs_ipc_provider *table() { return &table_; }
-
-    // Scripted contents.
-    std::map<std::string, std::string> stored;                // answers get
-    std::map<std::string, std::vector<std::string>> indexes;  // answers list
-    std::string debug_text = "scripted debug";
-    int list_result = 0;
-    // When set, answers list in place of indexes and list_result: for listings that only a
-    // faulty or hostile host makes (null arrays, null members, one index failing).
-    std::function<int(const std::string &index_key, char ***members, uint32_t *count)> list_script;
-    int result = 0;  // what set, send and subscribe return
-
-    // What the library did.
-    std::vector<SetCall> sets;
-    std::vector<SendCall> sends;
     std::vector<Subscription> subscriptions;
     std::vector<std::string> gets;
     std::vector<void *> init_contexts;  // the policy contexts handed to init
     int frees = 0;
 
-    // Delivers an event to every handler subscribed under exactly path.
-    void deliver(const std::string &path, int op, const std::string &event_path, const void *data,
-                 int len) {
-        for (const Subscription &s : subscriptions) {
-            if (s.path == path && !init_contexts.empty())
-                s.handler(init_contexts.back(), op, event_path.c_str(), event_path.c_str(), data,
-                          len);
-        }
-    }
-
   private:
     static ScriptedIpc *self(void *ipc_ctx) { return static_cast<ScriptedIpc *>(ipc_ctx); }
-
+    static std::string bytes(const void *data, uint32_t len) {
+        return data ? std::string(static_cast<const char *>(data), len) : "";
+    }
     static void *init(void *policy_ctx, const char *, void *evloop) {
         self(evloop)->init_contexts.push_back(policy_ctx);
         return evloop;
@@ -92,21 +97,20 @@ class ScriptedIpc {
                    const char *index_key, const void *member, uint32_t member_len) {
         ScriptedIpc *ipc = self(ipc_ctx);
         ipc->sets.push_back(
-            {key, std::string(static_cast<const char *>(value), len), index_key ? index_key : "",
-             member ? std::string(static_cast<const char *>(member), member_len) : std::string()});
-        ipc->stored[key] = std::string(static_cast<const char *>(value), len);
+            {key, bytes(value, len), index_key ? index_key : "", bytes(member, member_len)});
+        ipc->stored[key] = bytes(value, len);
         return ipc->result;
     }
     static int list(void *ipc_ctx, const char *index_key, char ***members, uint32_t *count) {
         ScriptedIpc *ipc = self(ipc_ctx);
-        if (ipc->list_script) return ipc->list_script(index_key, members, count);
-        if (ipc->list_result != 0) return ipc->list_result;
-        const std::vector<std::string> &names = ipc->indexes[index_key];
-        *count = static_cast<uint32_t>(names.size());
+        auto found = ipc->indexes.find(index_key);
+        const Listing &l = found == ipc->indexes.end() ? ipc->others : found->second;
+        *count = l.names.empty() ? l.claimed : static_cast<uint32_t>(l.names.size());
         *members =
-            names.empty() ? nullptr : static_cast<char **>(malloc(names.size() * sizeof(char *)));
-        for (size_t i = 0; i < names.size(); ++i) (*members)[i] = strdup(names[i].c_str());
-        return 0;
+            l.names.empty() ? nullptr : static_cast<char **>(malloc(*count * sizeof(char *)));
+        for (uint32_t i = 0; i < l.names.size(); ++i)
+            (*members)[i] = l.names[i] ? strdup(l.names[i]) : nullptr;
+        return l.result;
     }
     static int get(void *ipc_ctx, const char *key, void **buf, int *len) {
         ScriptedIpc *ipc = self(ipc_ctx);
@@ -119,13 +123,58 @@ class ScriptedIpc {
         return 0;
     }
     static int send(void *ipc_ctx, const char *key, const void *data, uint32_t len) {
-        ScriptedIpc *ipc = self(ipc_ctx);
-        ipc->sends.push_back({key, std::string(static_cast<const char *>(data), len)});
-        return ipc->result;
+        self(ipc_ctx)->sends.push_back({key, bytes(data, len), "", ""});
+        return self(ipc_ctx)->result;
     }
-    static char *dump_debuginfo(void *ipc_ctx) { return strdup(self(ipc_ctx)->debug_text.c_str()); }
+    static char *dump_debuginfo(void *) { return strdup("scripted debug"); }
 
-    obs_ipc_provider table_ = {};
+    obs_ipc_provider table_;
+};
+
+// A policy context of the service "svc" for the provider "probe" over a scripted IPC provider,
+// made by create with the fixture as user_ctx. Every context made is released once, through the
+// IPC's free and the provider's.
+class ScriptedContextTest : public LogCaptureTest {
+  protected:
+    void TearDown() override {
+        obs_policy_ctx_free(ctx_);
+        const int made = static_cast<int>(scripted_.init_contexts.size());
+        EXPECT_TRUE(scripted_.frees == made && ctx_frees_ == made);
+        LogCaptureTest::TearDown();
+    }
+    // A new context in place of the last; how many sets, subscriptions and gets making it took.
+    std::string create(obs_policy_handler_fn handler = nullptr) {
+        obs_policy_ctx_free(ctx_);
+        scripted_.sets.clear();
+        scripted_.subscriptions.clear();
+        scripted_.gets.clear();
+        ctx_ = obs_policy_ctx_init(this, "svc", handler, scripted_.table(), &provider_);
+        return std::to_string(scripted_.sets.size()) + " " +
+               std::to_string(scripted_.subscriptions.size()) + " " +
+               std::to_string(scripted_.gets.size());
+    }
+    // The fixture a context was made by create for.
+    template <typename Fixture>
+    static Fixture *fixture(void *user_ctx) {
+        return static_cast<Fixture *>(static_cast<ScriptedContextTest *>(user_ctx));
+    }
+    // The lines logged since the last call (by operation when named), each followed by "|".
+    static std::string logged(const std::string &operation = "") {
+        std::string text;
+        for (const std::string &line : unnumbered_lines(operation)) text += line + "|";
+        clear_captured_lines();
+        return text;
+    }
+    static void count_and_free(obs_policy_ctx *ctx) {
+        ++fixture<ScriptedContextTest>(ctx->user_ctx)->ctx_frees_;
+        free(ctx);
+    }
+
+    ScriptedIpc scripted_;
+    obs_sdk_policy_provider provider_{0,       "probe", "2.5",   obs_policy_init, count_and_free,
+                                      nullptr, nullptr, nullptr, nullptr,         obs_policy_free};
+    obs_policy_ctx *ctx_ = nullptr;
+    int ctx_frees_ = 0;
 };
 
 }  // namespace obs_test
