@@ -76,8 +76,8 @@ int make_instrument(inst_ctx *inst) {
     return OBS_OK;
 }
 
-// When everything exists this costs three acquire loads.
-int lazy_init(inst_ctx *inst) {
+// 0 when the instrument exists afterwards. When everything exists this costs three acquire loads.
+int do_lazy_sdk_ot_inst_init(inst_ctx *inst) {
     if (!inst->scope_ctx) {
         SDK_OT_LOG(kLazyInit, "Error", "receives NULL scope_ctx");
         return OBS_ERR_FAILED;
@@ -96,7 +96,7 @@ int lazy_init(inst_ctx *inst) {
 template <typename Value, typename Add>
 int add(const char *operation, inst_ctx *inst, Value value, const obs_key_value *attrs, Add fn,
         const char *fn_name, const char *lazy_failure) {
-    if (lazy_init(inst) != OBS_OK) {
+    if (do_lazy_sdk_ot_inst_init(inst) != OBS_OK) {
         SDK_OT_LOG(operation, "Error", "%s", lazy_failure);
         return OBS_ERR_FAILED;
     }

@@ -32,7 +32,8 @@ typedef struct AttrMap AttrMap;
 #define OTELC_STATUS_OK 1
 #define OTELC_STATUS_ERROR 2
 
-/* What instrument otelc_create_metrics_inst_from_meter makes. */
+/* What instrument otelc_create_metrics_inst_from_meter makes, passed by value: the provider
+ * passes {OTELC_INSTRUMENT_UPDOWN_COUNTER, 1, OTELC_VALUE_INT64 or OTELC_VALUE_DOUBLE}. */
 #define OTELC_INSTRUMENT_UPDOWN_COUNTER 0
 #define OTELC_VALUE_INT64 0
 #define OTELC_VALUE_DOUBLE 1
@@ -97,12 +98,15 @@ void otelc_set_span_status(void *span, int status, const char *description);
 /* End the span and release it: the handle is not used again. */
 void otelc_end_span(void *span);
 
-/* Attribute maps. */
+/* A new empty map, owned by the caller until otelc_destroy_attr_map; null when none can be made. */
 AttrMap *otelc_create_attr_map(void);
+/* Set key (copied) to a value in map; a key set twice keeps the later value. value of the bool
+ * setter is one byte, 0 false and anything else true; the str setter copies value. */
 void otelc_set_bool_attr(AttrMap *map, const char *key, uint8_t value);
 void otelc_set_int64_t_attr(AttrMap *map, const char *key, int64_t value);
 void otelc_set_double_attr(AttrMap *map, const char *key, double value);
 void otelc_set_str_attr(AttrMap *map, const char *key, const char *value);
+/* Release map and what it holds; the binding keeps its own copies of maps it was given. */
 void otelc_destroy_attr_map(AttrMap *map);
 
 /* An instrument of meter. unit (the provider passes null: none) and description (null: none)
@@ -129,6 +133,7 @@ int otelc_get_trace_from_ctx(const char *context, char *trace_id, int *capacity)
 /* A context text for trace_id (32 hex digits) and span_id (16 hex digits) into context, as
  * otelc_start_span_with_tracer writes it. 0, or -1 for malformed ids. */
 int otelc_set_trace_to_ctx(const char *trace_id, const char *span_id, char *context, int *capacity);
+/* Further scalar setters, as otelc_set_int64_t_attr. */
 void otelc_set_int32_t_attr(AttrMap *map, const char *key, int32_t value);
 void otelc_set_uint64_t_attr(AttrMap *map, const char *key, uint64_t value);
 
