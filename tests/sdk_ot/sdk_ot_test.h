@@ -113,8 +113,7 @@ inline const std::vector<Global> &globals() {
         SDK_OT_TEST_GLOBAL(otelc_get_trace_from_ctx),
         SDK_OT_TEST_GLOBAL(otelc_set_int32_t_attr),
         SDK_OT_TEST_GLOBAL(otelc_set_trace_to_ctx),
-        SDK_OT_TEST_GLOBAL(otelc_set_uint64_t_attr),
-    };
+        SDK_OT_TEST_GLOBAL(otelc_set_uint64_t_attr)};
     return all;
 }
 constexpr size_t kBoundGlobals = 27;
