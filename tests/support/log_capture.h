@@ -41,9 +41,9 @@ class LogCaptureTest : public testing::Test {
     void TearDown() override { obs_log_callback_set(nullptr); }
     static std::vector<std::string> lines() { return captured_lines(); }
     // The lines (of operation only, if named) with the number of an "operation:line " or
-    // "[OBS_API operation:line]" prefix written as "N".
+    // "[OBS_API operation:line]" (or another tag's) prefix written as "N".
     static std::vector<std::string> unnumbered_lines(const std::string &operation = "") {
-        static const std::regex location("^(\\[OBS_API )?([A-Za-z_]\\w*):[0-9]+([ \\]])");
+        static const std::regex location("^(\\[[A-Z_]+ )?([A-Za-z_]\\w*):[0-9]+([ \\]])");
         std::vector<std::string> unnumbered;
         for (const std::string &line : captured_lines())
             if (operation.empty() || line.rfind(operation + ":", 0) == 0)

@@ -1,7 +1,6 @@
 /* A recording stand-in for the OpenTelemetry C binding: every function of observability/otelc.h
- * records its call (the format is in otelc_standin.h) and, when it has a result, returns a handle
- * of its own or 0, unless a test told it to fail. Plain C, so that it builds wherever the library
- * does, musl included.
+ * records its call (the format is in otelc_standin.h) and returns a handle of its own or 0,
+ * unless a test told it to fail. Plain C, so that it builds wherever the library does, musl too.
  *
  * Built with OTELC_STANDIN_LACKS=<function>, the library lacks that function: it is compiled but
  * hidden from the dynamic symbol table, so dlsym does not find it. */
@@ -25,510 +24,193 @@ extern __typeof__(OTELC_STANDIN_LACKS) OTELC_STANDIN_LACKS __attribute__((visibi
 enum { MAX_HANDLES = 4096, MAX_FAILURES = 16 };
 
 struct handle {
-    char label[32]; /* "<kind>#<n>" */
+    char label[32];
     int live;
 };
 
-struct failure {
-    char function[64];
-    int calls; /* -1: every call */
-    int result;
-};
-
-/* One lock over everything: calls may come from several threads, and a test double has no
- * need to be fast. It is held from the start of a call's line to its end. */
+/* One lock over everything, held for a whole call: calls come from several threads, and a test
+ * double has no need to be fast. */
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 static struct handle handles[MAX_HANDLES];
 static int handle_count;
-static struct failure failures[MAX_FAILURES];
-static char *calls;
-static size_t calls_length, calls_capacity;
+static struct {
+    char function[64];
+    int calls, result;
+} failures[MAX_FAILURES];
+static char *lines;
+static size_t length, capacity;
 
-struct line {
-    char text[1024];
-    size_t length;
-    int args;
-};
-
-static void put(struct line *l, const char *format, ...) __attribute__((format(printf, 2, 3)));
-static void put(struct line *l, const char *format, ...) {
-    va_list args;
+static void put(const char *format, ...) __attribute__((format(printf, 1, 2)));
+static void put(const char *format, ...) {
+    va_list args, again;
     va_start(args, format);
-    int n = vsnprintf(l->text + l->length, sizeof l->text - l->length, format, args);
+    va_copy(again, args);
+    size_t n = (size_t)vsnprintf(NULL, 0, format, args);
+    if (length + n + 1 > capacity) {
+        capacity = 2 * (length + n + 1);
+        if (!(lines = realloc(lines, capacity))) abort();
+    }
+    vsnprintf(lines + length, n + 1, format, again);
+    length += n;
+    va_end(again);
     va_end(args);
-    if (n > 0) l->length += (size_t)n;
-    if (l->length >= sizeof l->text) l->length = sizeof l->text - 1;
-}
-
-static void begin(struct line *l, const char *function) {
-    pthread_mutex_lock(&lock);
-    l->length = 0;
-    l->args = 0;
-    put(l, "%s(", function);
-}
-
-static void next_arg(struct line *l) {
-    if (l->args++) put(l, ",");
 }
 
 static struct handle *handle_of(const void *p) {
     const struct handle *h = p;
-    if (h < handles || h >= handles + MAX_HANDLES) return NULL;
-    return (struct handle *)h;
+    return h >= handles && h < handles + MAX_HANDLES ? (struct handle *)h : NULL;
 }
 
-static void arg_handle(struct line *l, const void *p) {
-    next_arg(l);
-    const struct handle *h = handle_of(p);
-    if (!p)
-        put(l, "null");
-    else if (!h)
-        put(l, "foreign");
-    else
-        put(l, "%s%s", h->label, h->live ? "" : "!released");
-}
-
-static void arg_text(struct line *l, const char *text) {
-    next_arg(l);
-    if (text)
-        put(l, "\"%s\"", text);
-    else
-        put(l, "null");
-}
-
-static void arg_int(struct line *l, int64_t value) {
-    next_arg(l);
-    put(l, "%" PRId64, value);
-}
-
-static void arg_double(struct line *l, double value) {
-    next_arg(l);
-    put(l, "%.17g", value);
-}
-
-static void append_call(const struct line *l) {
-    size_t need = calls_length + l->length + 3;
-    if (need > calls_capacity) {
-        size_t capacity = calls_capacity ? calls_capacity : 4096;
-        while (capacity < need) capacity *= 2;
-        char *grown = realloc(calls, capacity);
-        if (!grown) abort();
-        calls = grown;
-        calls_capacity = capacity;
-    }
-    memcpy(calls + calls_length, l->text, l->length);
-    calls_length += l->length;
-    memcpy(calls + calls_length, ")\n", 3);
-    calls_length += 2;
-}
-
-/* Whether this call of function is to fail; *result gets the failure's result. */
-static int failing(const char *function, int *result) {
-    for (int i = 0; i < MAX_FAILURES; ++i) {
-        struct failure *f = &failures[i];
-        if (f->calls == 0 || strcmp(f->function, function) != 0) continue;
-        if (f->calls > 0) --f->calls;
-        if (result) *result = f->result;
-        return 1;
-    }
-    return 0;
+static int is_kind(const struct handle *h, const char *kind) {
+    size_t n = strlen(kind);
+    return strncmp(h->label, kind, n) == 0 && h->label[n] == '#';
 }
 
 static struct handle *new_handle(const char *kind) {
-    if (handle_count == MAX_HANDLES) {
-        fprintf(stderr, "otelc stand-in: more than %d handles since the last reset\n", MAX_HANDLES);
-        abort();
-    }
+    if (handle_count == MAX_HANDLES) abort(); /* a test that makes this many is broken */
     int n = 1;
-    size_t kind_length = strlen(kind);
-    for (int i = 0; i < handle_count; ++i)
-        if (strncmp(handles[i].label, kind, kind_length) == 0 &&
-            handles[i].label[kind_length] == '#')
-            ++n;
+    for (int i = 0; i < handle_count; ++i) n += is_kind(&handles[i], kind);
     struct handle *h = &handles[handle_count++];
     snprintf(h->label, sizeof h->label, "%s#%d", kind, n);
     h->live = 1;
     return h;
 }
 
-/* Ends the call: records it and unlocks. */
-static void end(struct line *l) {
-    append_call(l);
-    pthread_mutex_unlock(&lock);
-}
-
-/* Ends a call that makes a handle of kind: null when it is to fail. */
-static struct handle *end_making(struct line *l, const char *function, const char *kind) {
-    append_call(l);
-    struct handle *h = failing(function, NULL) ? NULL : new_handle(kind);
-    pthread_mutex_unlock(&lock);
-    return h;
-}
-
-/* Ends a call with an int result: 0, or the failure's result. */
-static int end_result(struct line *l, const char *function) {
-    append_call(l);
-    int result = 0;
-    failing(function, &result);
+/* Records a call of function, its arguments typed by one letter each: h handle, r handle the
+ * call releases, t text, i int (promoted), l int64_t, u uint64_t, d double, b output buffer,
+ * c int pointer, k otelc_instrument_kind. The result: with kind, a new handle of it (null when
+ * told to fail), else 0 or the failure's result. */
+static intptr_t call(const char *function, const char *kind, const char *types, ...) {
+    va_list args;
+    va_start(args, types);
+    pthread_mutex_lock(&lock);
+    put("%s(", function + strlen("otelc_"));
+    for (const char *type = types; *type; ++type) {
+        if (type != types) put(",");
+        if (*type == 'h' || *type == 'r') {
+            void *p = va_arg(args, void *);
+            struct handle *h = handle_of(p);
+            put("%s%s", !p ? "null" : h ? h->label : "foreign", h && !h->live ? "!released" : "");
+            if (h && *type == 'r') h->live = 0;
+        } else if (*type == 't') {
+            const char *text = va_arg(args, const char *);
+            put("%s", text ? text : "null");
+        } else if (*type == 'i') {
+            put("%d", va_arg(args, int));
+        } else if (*type == 'l') {
+            put("%" PRId64, va_arg(args, int64_t));
+        } else if (*type == 'u') {
+            put("%" PRIu64, va_arg(args, uint64_t));
+        } else if (*type == 'd') {
+            put("%.17g", va_arg(args, double));
+        } else if (*type == 'b') {
+            put("%s", va_arg(args, char *) ? "buffer" : "null");
+        } else if (*type == 'c') {
+            const int *n = va_arg(args, int *);
+            n ? put("%d", *n) : put("null");
+        } else if (*type == 'k') {
+            otelc_instrument_kind k = va_arg(args, otelc_instrument_kind);
+            put("{%d,%d,%d}", (int)k.instrument, (int)k.synchronous, (int)k.value_type);
+        }
+    }
+    va_end(args);
+    put(")\n");
+    intptr_t result = 0;
+    int failed = 0;
+    for (int i = 0; i < MAX_FAILURES && !failed; ++i) {
+        if (failures[i].calls == 0 || strcmp(failures[i].function, function) != 0) continue;
+        failures[i].calls -= failures[i].calls > 0;
+        result = failures[i].result;
+        failed = 1;
+    }
+    if (kind) result = failed ? 0 : (intptr_t)new_handle(kind);
     pthread_mutex_unlock(&lock);
     return result;
 }
 
-/* Ends a call that releases p. */
-static void end_releasing(struct line *l, void *p) {
-    struct handle *h = handle_of(p);
-    if (h) h->live = 0;
-    end(l);
-}
-
-/* Control. */
-
 char *otelc_standin_calls(int forget) {
     pthread_mutex_lock(&lock);
-    char *copy = malloc(calls_length + 1);
-    if (copy) {
-        if (calls_length) memcpy(copy, calls, calls_length);
-        copy[calls_length] = '\0';
-    }
-    if (forget) calls_length = 0;
+    char *copy = malloc(length + 1);
+    if (copy) memcpy(copy, lines ? lines : "", length);
+    if (copy) copy[length] = '\0';
+    if (forget) length = 0;
     pthread_mutex_unlock(&lock);
     return copy;
 }
 
 void otelc_standin_reset(void) {
     pthread_mutex_lock(&lock);
-    calls_length = 0;
+    length = 0;
+    handle_count = 0;
     memset(failures, 0, sizeof failures);
     memset(handles, 0, sizeof handles);
-    handle_count = 0;
     pthread_mutex_unlock(&lock);
 }
 
-void otelc_standin_fail(const char *function, int calls_to_fail, int result) {
+void otelc_standin_fail(const char *function, int calls, int result) {
     pthread_mutex_lock(&lock);
-    struct failure *slot = NULL;
-    for (int i = 0; i < MAX_FAILURES && !slot; ++i)
-        if (strcmp(failures[i].function, function) == 0) slot = &failures[i];
-    for (int i = 0; i < MAX_FAILURES && !slot; ++i)
-        if (failures[i].calls == 0) slot = &failures[i];
-    if (slot) {
-        snprintf(slot->function, sizeof slot->function, "%s", function);
-        slot->calls = calls_to_fail;
-        slot->result = result;
-    }
+    int i = 0;
+    while (i < MAX_FAILURES - 1 && failures[i].calls && strcmp(failures[i].function, function)) ++i;
+    snprintf(failures[i].function, sizeof failures[i].function, "%s", function);
+    failures[i].calls = calls;
+    failures[i].result = result;
     pthread_mutex_unlock(&lock);
 }
 
 int otelc_standin_live(const char *kind) {
     pthread_mutex_lock(&lock);
     int live = 0;
-    size_t kind_length = strlen(kind);
-    for (int i = 0; i < handle_count; ++i)
-        live += handles[i].live && strncmp(handles[i].label, kind, kind_length) == 0 &&
-                handles[i].label[kind_length] == '#';
+    for (int i = 0; i < handle_count; ++i) live += handles[i].live && is_kind(&handles[i], kind);
     pthread_mutex_unlock(&lock);
     return live;
 }
 
-/* The binding. */
+/* The binding: one line a function, its argument types spelled as call() reads them. */
+#define HANDLE(kind, ...) (void *)call(__func__, kind, __VA_ARGS__)
+#define RESULT(...) (int)call(__func__, NULL, __VA_ARGS__)
+#define RECORD(...) (void)call(__func__, NULL, __VA_ARGS__)
+// clang-format off
+void *otelc_init_tracer_provider_ctx(const char *s, const char *v, AttrMap *r) { return HANDLE("tp", "tth", s, v, r); }
+void *otelc_init_logger_provider_ctx(const char *s, const char *v, AttrMap *r) { return HANDLE("lp", "tth", s, v, r); }
+void *otelc_init_metrics_provider_ctx(const char *s, const char *v, AttrMap *r) { return HANDLE("mp", "tth", s, v, r); }
+void otelc_cleanup_tracer_provider_ctx(void *p) { RECORD("r", p); }
+void otelc_cleanup_logger_provider_ctx(void *p) { RECORD("r", p); }
+void otelc_cleanup_metrics_provider_ctx(void *p) { RECORD("r", p); }
+void *otelc_get_tracer(void *p, const char *n, const char *v, const char *u, AttrMap *a) { return HANDLE("tracer", "httth", p, n, v, u, a); }
+void *otelc_get_logger(void *p, const char *n, const char *v, const char *u, AttrMap *a) { return HANDLE("logger", "httth", p, n, v, u, a); }
+void *otelc_get_meter(void *p, const char *n, const char *v, const char *u, AttrMap *a) { return HANDLE("meter", "httth", p, n, v, u, a); }
+void otelc_set_trace_instrumentationscope_attrs(void *p, void *t, AttrMap *a) { RECORD("hhh", p, t, a); }
+void otelc_set_logger_instrumentationscope_attrs(void *p, void *l, AttrMap *a) { RECORD("hhh", p, l, a); }
+void otelc_set_metrics_instrumentationscope_attrs(void *p, void *m, AttrMap *a) { RECORD("hhh", p, m, a); }
+void otelc_log_with_ctx(void *p, void *s, void *l, int severity, const char *body) { RECORD("hhhit", p, s, l, severity, body); }
+void otelc_set_span_attrs(void *s, AttrMap *a) { RECORD("hh", s, a); }
+void otelc_set_span_status(void *s, int status, const char *description) { RECORD("hit", s, status, description); }
+void otelc_end_span(void *s) { RECORD("r", s); }
+AttrMap *otelc_create_attr_map(void) { return HANDLE("map", ""); }
+void otelc_set_bool_attr(AttrMap *m, const char *k, uint8_t v) { RECORD("hti", m, k, v); }
+void otelc_set_int64_t_attr(AttrMap *m, const char *k, int64_t v) { RECORD("htl", m, k, v); }
+void otelc_set_double_attr(AttrMap *m, const char *k, double v) { RECORD("htd", m, k, v); }
+void otelc_set_str_attr(AttrMap *m, const char *k, const char *v) { RECORD("htt", m, k, v); }
+void otelc_set_int32_t_attr(AttrMap *m, const char *k, int32_t v) { RECORD("hti", m, k, v); }
+void otelc_set_uint64_t_attr(AttrMap *m, const char *k, uint64_t v) { RECORD("htu", m, k, v); }
+void otelc_destroy_attr_map(AttrMap *m) { RECORD("r", m); }
+void *otelc_create_metrics_inst_from_meter(otelc_instrument_kind k, void *m, const char *n, const char *u, const char *d) { return HANDLE("inst", "khttt", k, m, n, u, d); }
+int otelc_metrics_inst_add_int64_attrs(void *i, int64_t v, AttrMap *a) { return RESULT("hlh", i, v, a); }
+int otelc_metrics_inst_add_double_attrs(void *i, double v, AttrMap *a) { return RESULT("hdh", i, v, a); }
+void otelc_destroy_metrics_inst(void *i) { RECORD("r", i); }
+void otelc_add_span_event(void *s, const char *n, AttrMap *a) { RECORD("hth", s, n, a); }
+void *otelc_create_int64_up_down_counter(void *m, const char *n, const char *u, const char *d) { return HANDLE("counter", "httt", m, n, u, d); }
+void otelc_destroy_up_down_counter(void *c) { RECORD("r", c); }
+int otelc_get_trace_from_ctx(const char *c, char *t, int *n) { return RESULT("tbc", c, t, n); }
+int otelc_set_trace_to_ctx(const char *t, const char *s, char *c, int *n) { return RESULT("ttbc", t, s, c, n); }
+// clang-format on
 
-static void *init_provider(const char *function, const char *kind, const char *service_name,
-                           const char *service_version, AttrMap *resource) {
-    struct line l;
-    begin(&l, function);
-    arg_text(&l, service_name);
-    arg_text(&l, service_version);
-    arg_handle(&l, resource);
-    return end_making(&l, function, kind);
-}
-
-void *otelc_init_tracer_provider_ctx(const char *service_name, const char *service_version,
-                                     AttrMap *resource) {
-    return init_provider(__func__, "tracer_provider", service_name, service_version, resource);
-}
-
-void *otelc_init_logger_provider_ctx(const char *service_name, const char *service_version,
-                                     AttrMap *resource) {
-    return init_provider(__func__, "logger_provider", service_name, service_version, resource);
-}
-
-void *otelc_init_metrics_provider_ctx(const char *service_name, const char *service_version,
-                                      AttrMap *resource) {
-    return init_provider(__func__, "metrics_provider", service_name, service_version, resource);
-}
-
-static void release(const char *function, void *p) {
-    struct line l;
-    begin(&l, function);
-    arg_handle(&l, p);
-    end_releasing(&l, p);
-}
-
-void otelc_cleanup_tracer_provider_ctx(void *tracer_provider_ctx) {
-    release(__func__, tracer_provider_ctx);
-}
-
-void otelc_cleanup_logger_provider_ctx(void *logger_provider_ctx) {
-    release(__func__, logger_provider_ctx);
-}
-
-void otelc_cleanup_metrics_provider_ctx(void *metrics_provider_ctx) {
-    release(__func__, metrics_provider_ctx);
-}
-
-static void *get_scope_handle(const char *function, const char *kind, void *provider,
-                              const char *name, const char *version, const char *schema_url,
-                              AttrMap *scope_attrs) {
-    struct line l;
-    begin(&l, function);
-    arg_handle(&l, provider);
-    arg_text(&l, name);
-    arg_text(&l, version);
-    arg_text(&l, schema_url);
-    arg_handle(&l, scope_attrs);
-    return end_making(&l, function, kind);
-}
-
-void *otelc_get_tracer(void *tracer_provider_ctx, const char *name, const char *version,
-                       const char *schema_url, AttrMap *scope_attrs) {
-    return get_scope_handle(__func__, "tracer", tracer_provider_ctx, name, version, schema_url,
-                            scope_attrs);
-}
-
-void *otelc_get_logger(void *logger_provider_ctx, const char *name, const char *version,
-                       const char *schema_url, AttrMap *scope_attrs) {
-    return get_scope_handle(__func__, "logger", logger_provider_ctx, name, version, schema_url,
-                            scope_attrs);
-}
-
-void *otelc_get_meter(void *metrics_provider_ctx, const char *name, const char *version,
-                      const char *schema_url, AttrMap *scope_attrs) {
-    return get_scope_handle(__func__, "meter", metrics_provider_ctx, name, version, schema_url,
-                            scope_attrs);
-}
-
-static void handles_call(const char *function, int count, const void *a, const void *b,
-                         const void *c) {
-    struct line l;
-    begin(&l, function);
-    const void *args[] = {a, b, c};
-    for (int i = 0; i < count; ++i) arg_handle(&l, args[i]);
-    end(&l);
-}
-
-void otelc_set_trace_instrumentationscope_attrs(void *tracer_provider_ctx, void *tracer,
-                                                AttrMap *attrs) {
-    handles_call(__func__, 3, tracer_provider_ctx, tracer, attrs);
-}
-
-void otelc_set_logger_instrumentationscope_attrs(void *logger_provider_ctx, void *logger,
-                                                 AttrMap *attrs) {
-    handles_call(__func__, 3, logger_provider_ctx, logger, attrs);
-}
-
-void otelc_set_metrics_instrumentationscope_attrs(void *metrics_provider_ctx, void *meter,
-                                                  AttrMap *attrs) {
-    handles_call(__func__, 3, metrics_provider_ctx, meter, attrs);
-}
-
-void otelc_log_with_ctx(void *logger_provider_ctx, void *span, void *logger, int severity_number,
-                        const char *body) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, logger_provider_ctx);
-    arg_handle(&l, span);
-    arg_handle(&l, logger);
-    arg_int(&l, severity_number);
-    arg_text(&l, body);
-    end(&l);
-}
-
-void *otelc_start_span_with_tracer(void *tracer_provider_ctx, void *tracer, const char *name,
-                                   AttrMap *attrs, const char *parent_context, char *context,
-                                   int *capacity) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, tracer_provider_ctx);
-    arg_handle(&l, tracer);
-    arg_text(&l, name);
-    arg_handle(&l, attrs);
-    arg_text(&l, parent_context);
-    next_arg(&l);
-    put(&l, "%s", context ? "buffer" : "null");
-    if (capacity)
-        arg_int(&l, *capacity);
-    else
-        arg_text(&l, NULL);
-    struct handle *span = end_making(&l, __func__, "span");
-    if (span && context && capacity && *capacity > 0) {
-        int written = snprintf(context, (size_t)*capacity, "ctx-%s", span->label);
-        *capacity = written < *capacity ? written : *capacity - 1;
+void *otelc_start_span_with_tracer(void *p, void *t, const char *name, AttrMap *a,
+                                   const char *parent, char *context, int *n) {
+    struct handle *span = HANDLE("span", "hhthtbc", p, t, name, a, parent, context, n);
+    if (span && context && n && *n > 0) {
+        int written = snprintf(context, (size_t)*n, "ctx-%s", span->label);
+        *n = written < *n ? written : *n - 1;
     }
     return span;
-}
-
-AttrMap *otelc_create_attr_map(void) {
-    struct line l;
-    begin(&l, __func__);
-    return (AttrMap *)end_making(&l, __func__, "map");
-}
-
-void otelc_set_bool_attr(AttrMap *map, const char *key, uint8_t value) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, map);
-    arg_text(&l, key);
-    arg_int(&l, value);
-    end(&l);
-}
-
-void otelc_set_int64_t_attr(AttrMap *map, const char *key, int64_t value) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, map);
-    arg_text(&l, key);
-    arg_int(&l, value);
-    end(&l);
-}
-
-void otelc_set_double_attr(AttrMap *map, const char *key, double value) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, map);
-    arg_text(&l, key);
-    arg_double(&l, value);
-    end(&l);
-}
-
-void otelc_set_str_attr(AttrMap *map, const char *key, const char *value) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, map);
-    arg_text(&l, key);
-    arg_text(&l, value);
-    end(&l);
-}
-
-void otelc_destroy_attr_map(AttrMap *map) {
-    release(__func__, map);
-}
-
-void otelc_set_span_attrs(void *span, AttrMap *attrs) {
-    handles_call(__func__, 2, span, attrs, NULL);
-}
-
-void otelc_end_span(void *span) {
-    release(__func__, span);
-}
-
-void otelc_set_span_status(void *span, int status, const char *description) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, span);
-    arg_int(&l, status);
-    arg_text(&l, description);
-    end(&l);
-}
-
-void *otelc_create_metrics_inst_from_meter(otelc_instrument_kind kind, void *meter,
-                                           const char *name, const char *unit,
-                                           const char *description) {
-    struct line l;
-    begin(&l, __func__);
-    put(&l, "{%d,%d,%d}", (int)kind.instrument, (int)kind.synchronous, (int)kind.value_type);
-    l.args = 1;
-    arg_handle(&l, meter);
-    arg_text(&l, name);
-    arg_text(&l, unit);
-    arg_text(&l, description);
-    return end_making(&l, __func__, "inst");
-}
-
-int otelc_metrics_inst_add_int64_attrs(void *instrument, int64_t value, AttrMap *attrs) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, instrument);
-    arg_int(&l, value);
-    arg_handle(&l, attrs);
-    return end_result(&l, __func__);
-}
-
-int otelc_metrics_inst_add_double_attrs(void *instrument, double value, AttrMap *attrs) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, instrument);
-    arg_double(&l, value);
-    arg_handle(&l, attrs);
-    return end_result(&l, __func__);
-}
-
-void otelc_destroy_metrics_inst(void *instrument) {
-    release(__func__, instrument);
-}
-
-/* Functions the provider never binds: recorded all the same, so a call would show. */
-
-void otelc_add_span_event(void *span, const char *name, AttrMap *attrs) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, span);
-    arg_text(&l, name);
-    arg_handle(&l, attrs);
-    end(&l);
-}
-
-void *otelc_create_int64_up_down_counter(void *meter, const char *name, const char *unit,
-                                         const char *description) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, meter);
-    arg_text(&l, name);
-    arg_text(&l, unit);
-    arg_text(&l, description);
-    return end_making(&l, __func__, "counter");
-}
-
-void otelc_destroy_up_down_counter(void *counter) {
-    release(__func__, counter);
-}
-
-int otelc_get_trace_from_ctx(const char *context, char *trace_id, int *capacity) {
-    struct line l;
-    begin(&l, __func__);
-    arg_text(&l, context);
-    next_arg(&l);
-    put(&l, "%s", trace_id ? "buffer" : "null");
-    arg_int(&l, capacity ? *capacity : -1);
-    return end_result(&l, __func__);
-}
-
-int otelc_set_trace_to_ctx(const char *trace_id, const char *span_id, char *context,
-                           int *capacity) {
-    struct line l;
-    begin(&l, __func__);
-    arg_text(&l, trace_id);
-    arg_text(&l, span_id);
-    next_arg(&l);
-    put(&l, "%s", context ? "buffer" : "null");
-    arg_int(&l, capacity ? *capacity : -1);
-    return end_result(&l, __func__);
-}
-
-void otelc_set_int32_t_attr(AttrMap *map, const char *key, int32_t value) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, map);
-    arg_text(&l, key);
-    arg_int(&l, value);
-    end(&l);
-}
-
-void otelc_set_uint64_t_attr(AttrMap *map, const char *key, uint64_t value) {
-    struct line l;
-    begin(&l, __func__);
-    arg_handle(&l, map);
-    arg_text(&l, key);
-    next_arg(&l);
-    put(&l, "%" PRIu64, value);
-    end(&l);
 }
