@@ -1,8 +1,4 @@
-// Spans and log records: the traces and level gates with the scope's counters, and telemetry
-// threads racing sampling changes.
-#include <atomic>
-#include <thread>
-
+// Spans and log records: the traces and level gates with the scope's counters.
 #include "api/api_test.h"
 
 namespace api_test {
@@ -27,34 +23,6 @@ TEST_F(SpanLogTest, TracesGateSpansAndLogsAndTheLevelGatesLogs) {
         EXPECT_TRUE(span || sdk_.calls().empty()) << i;
         obs_span_end(span);
     }
-}
-
-TEST_F(SpanLogTest, TelemetryThreadsRaceSamplingChangesAndCountExactly) {
-    obs_updown_counter *counter = obs_int64_updown_counter_create(scope_, "c", nullptr);
-    const obs_policy_ot_sampler traces_off{nullptr, 1, 2, 0, nullptr};
-    std::atomic<int> spans{0}, logs{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 3; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 300; ++i) {
-                obs_span *span = obs_span_start(scope_, nullptr, "s");
-                spans += span != nullptr;
-                logs += obs_span_log(span, 1, "m") == 0;
-                obs_int64_updown_counter_add(counter, 1, nullptr);
-                obs_span_end(span);
-            }
-        });
-    const obs_sampling settings[] = {1, sampler(traces_off), 0};
-    for (int i = 0; i < 300; ++i) {
-        obs_scope_set_sampling(scope_, settings[i % 3]);
-        obs_scope_set_log_level(scope_, i % 2 ? -1 : 0);
-    }
-    for (std::thread &thread : threads) thread.join();
-    EXPECT_EQ(scope_->span_count, spans);
-    EXPECT_EQ(scope_->open_span_count, 0);
-    EXPECT_EQ(scope_->log_count, logs);
-    EXPECT_EQ(scope_->metric_count, static_cast<int>(sdk_.calls("add_int64").size()));
-    obs_int64_updown_counter_destroy(counter);
 }
 
 }  // namespace api_test

@@ -84,7 +84,11 @@ class RecordingProvider {
     static RecordingProvider *owner_of(const void *handle) {
         return static_cast<const Handle *>(handle)->owner;
     }
-    void record(const std::string &call) {
+    // Records the slot's name and its arguments' texts, separated by spaces.
+    template <typename... Texts>
+    void record(const char *slot, const Texts &...texts) {
+        std::string call = slot;
+        ((call += ' ', call += texts), ...);
         std::lock_guard<std::mutex> hold(lock_);
         calls_.push_back(call);
     }
@@ -96,6 +100,7 @@ class RecordingProvider {
         return handle;
     }
     static std::string text(const char *t) { return t ? t : "-"; }
+    static std::string number(int64_t n) { return std::to_string(n); }
 
     // The table is the first member of a record that also names its owner, which init (the
     // only slot without a handle of ours) reaches through the context's provider.
@@ -105,51 +110,48 @@ class RecordingProvider {
     };
     static void *init(obs_ctx *ctx, const char *service) {
         RecordingProvider *self = reinterpret_cast<Table *>(ctx->sdk_provider)->owner;
-        self->record("init " + text(service));
+        self->record("init", text(service));
         return self->fail_init ? nullptr : self->make("ctx:" + text(service));
     }
     static void release(void *sdk_ctx) {
-        owner_of(sdk_ctx)->record("free " + name_of(sdk_ctx));
+        owner_of(sdk_ctx)->record("free", name_of(sdk_ctx));
         free(sdk_ctx);
     }
     static void resource_attrs_set(void *sdk_ctx, unsigned signal, obs_key_value *attrs) {
-        owner_of(sdk_ctx)->record("resource_attrs_set " + std::to_string(signal) + " " +
-                                  attrs_text(attrs));
+        owner_of(sdk_ctx)->record("resource_attrs_set", number(signal), attrs_text(attrs));
     }
     static void *scope_create(void *sdk_ctx, const char *name, const char *version,
                               obs_sampling sampling) {
         RecordingProvider *self = owner_of(sdk_ctx);
-        self->record("scope_create " + text(name) + " " + text(version) + " " +
-                     std::to_string(sampling));
+        self->record("scope_create", text(name), text(version), number(sampling));
         return self->fail_scope ? nullptr : self->make("scope:" + text(name));
     }
     static void scope_free(void *sdk_scope) {
-        owner_of(sdk_scope)->record("scope_free " + name_of(sdk_scope));
+        owner_of(sdk_scope)->record("scope_free", name_of(sdk_scope));
         free(sdk_scope);
     }
     static void scope_attrs_set(void *sdk_ctx, void *sdk_scope, unsigned signal,
                                 obs_key_value *attrs) {
-        owner_of(sdk_ctx)->record("scope_attrs_set " + name_of(sdk_scope) + " " +
-                                  std::to_string(signal) + " " + attrs_text(attrs));
+        owner_of(sdk_ctx)->record("scope_attrs_set", name_of(sdk_scope), number(signal),
+                                  attrs_text(attrs));
     }
     static void *span_start(void *sdk_ctx, void *parent, void *sdk_scope, const char *name) {
         RecordingProvider *self = owner_of(sdk_ctx);
-        self->record("span_start " + name_of(parent) + " " + name_of(sdk_scope) + " " + text(name));
+        self->record("span_start", name_of(parent), name_of(sdk_scope), text(name));
         return self->fail_span ? nullptr : self->make("span:" + text(name));
     }
     static void *span_start_from_context(void *sdk_ctx, const char *parent, void *sdk_scope,
                                          const char *name) {
         RecordingProvider *self = owner_of(sdk_ctx);
-        self->record("span_start_from_context " + text(parent) + " " + name_of(sdk_scope) + " " +
-                     text(name));
+        self->record("span_start_from_context", text(parent), name_of(sdk_scope), text(name));
         return self->fail_span ? nullptr : self->make("span:" + text(name));
     }
     static void span_attrs_set(void *sdk_span, obs_key_value *attrs) {
-        owner_of(sdk_span)->record("span_attrs_set " + name_of(sdk_span) + " " + attrs_text(attrs));
+        owner_of(sdk_span)->record("span_attrs_set", name_of(sdk_span), attrs_text(attrs));
     }
     static void span_end(void *sdk_span, int status, const char *description) {
-        owner_of(sdk_span)->record("span_end " + name_of(sdk_span) + " " + std::to_string(status) +
-                                   " " + text(description));
+        owner_of(sdk_span)->record("span_end", name_of(sdk_span), number(status),
+                                   text(description));
         free(sdk_span);
     }
     static const char *span_to_context(void *sdk_span, void *, void *) {
@@ -158,33 +160,29 @@ class RecordingProvider {
     static int span_log(void *sdk_ctx, void *sdk_span, void *sdk_scope, int level,
                         const char *message) {
         RecordingProvider *self = owner_of(sdk_ctx);
-        self->record("span_log " + name_of(sdk_span) + " " + name_of(sdk_scope) + " " +
-                     std::to_string(level) + " " + text(message));
+        self->record("span_log", name_of(sdk_span), name_of(sdk_scope), number(level),
+                     text(message));
         return self->log_result;
     }
     static void *inst_create(int inst_type, int val_type, void *sdk_ctx, void *sdk_scope,
                              const char *name, const char *description) {
         RecordingProvider *self = owner_of(sdk_ctx);
-        self->record("metrics_inst_create " + std::to_string(inst_type) + " " +
-                     std::to_string(val_type) + " " + name_of(sdk_scope) + " " + text(name) + " " +
-                     text(description));
+        self->record("metrics_inst_create", number(inst_type), number(val_type), name_of(sdk_scope),
+                     text(name), text(description));
         return self->fail_inst ? nullptr : self->make("inst:" + text(name).substr(0, 60));
     }
     static void inst_destroy(void *inst) {
-        owner_of(inst)->record("metrics_inst_destroy " + name_of(inst));
+        owner_of(inst)->record("metrics_inst_destroy", name_of(inst));
         free(inst);
     }
     static int add_int64(void *inst, int64_t value, obs_key_value *attrs) {
-        RecordingProvider *self = owner_of(inst);
-        self->record("add_int64 " + name_of(inst) + " " + std::to_string(value) + " " +
-                     (attrs ? attrs_text(attrs) : "-"));
-        return self->add_result;
+        owner_of(inst)->record("add_int64", name_of(inst), number(value), attrs_text(attrs));
+        return owner_of(inst)->add_result;
     }
     static int add_double(void *inst, double value, obs_key_value *attrs) {
-        RecordingProvider *self = owner_of(inst);
-        self->record("add_double " + name_of(inst) + " " + std::to_string(value) + " " +
-                     (attrs ? attrs_text(attrs) : "-"));
-        return self->add_result;
+        owner_of(inst)->record("add_double", name_of(inst), std::to_string(value),
+                               attrs_text(attrs));
+        return owner_of(inst)->add_result;
     }
 
     Table table_;
