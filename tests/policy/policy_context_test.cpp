@@ -100,8 +100,6 @@ TEST_F(PolicyContextTest, RefusalsGiveNullAfterTheirLine) {
 }
 
 TEST_F(PolicyContextTest, ServiceOnlineSubscribesToAServiceUidAndForwardsItsEvents) {
-    create();
-    clear_captured_lines();
     obs_policy_set_service_online(ctx_, "svcA", record_online);
     obs_policy_set_service_online(ctx_, "svcA", nullptr);
     obs_policy_set_service_online(ctx_, "a}b", record_online);  // kept, though not subscribed
@@ -123,7 +121,6 @@ TEST_F(PolicyContextTest, ServiceOnlineSubscribesToAServiceUidAndForwardsItsEven
 // Scope names are checked and the scope index key cut at 255 characters; missing slots, hooks
 // and handles are skipped.
 TEST_F(PolicyContextTest, ScopesAndMissingSlotsHooksAndHandles) {
-    create();
     const std::string service(300, 's');
     obs_policy_register_scope(ctx_, service.c_str(), "net");
     EXPECT_EQ((root + "service{" + service + "}/scope_keys").substr(0, 255),

@@ -13,12 +13,8 @@ using namespace obs_test;
 class PublishingTest : public ScriptedContextTest {
   protected:
     void SetUp() override {
-        LogCaptureTest::SetUp();
-        create();
-        provider_.type = OBS_POLICY_PROVIDER_SDK;
+        ScriptedContextTest::SetUp();
         provider_.name = "obs";
-        written();
-        clear_captured_lines();
     }
 
     // The keys written since the last call, stores then sends, as "service/scope/sdk " words.

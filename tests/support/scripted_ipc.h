@@ -132,10 +132,16 @@ class ScriptedIpc {
 };
 
 // A policy context of the service "svc" for the provider "probe" over a scripted IPC provider,
-// made by create with the fixture as user_ctx. Every context made is released once, through the
-// IPC's free and the provider's.
+// made by create with the fixture as user_ctx, a first one without handler before each test.
+// Every context made is released once, through the IPC's free and the provider's.
 class ScriptedContextTest : public LogCaptureTest {
   protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+        create();
+        scripted_.sets.clear();
+        clear_captured_lines();
+    }
     void TearDown() override {
         obs_policy_ctx_free(ctx_);
         const int made = static_cast<int>(scripted_.init_contexts.size());
