@@ -45,17 +45,17 @@ TEST_F(PolicyContextTest, AnnouncesTheServiceThenHandsTheStoredDefaultPolicyOver
     // Thread id, seconds and nanoseconds, none padded (nanoseconds below 10^8 would show it).
     const std::regex unpadded(std::to_string(creator) + "-[1-9][0-9]*-(0|[1-9][0-9]*)");
     EXPECT_TRUE(std::regex_match(uid, unpadded)) << uid;
-    std::vector<std::string> sets;
+    std::string sets;
     for (const auto &s : scripted_.sets)
-        sets.push_back(s.key.substr(root.size()) + "=" + s.value + " " +
-                       s.index_key.substr(root.size()) + "<-" + s.member);
-    EXPECT_EQ((std::vector<std::string>{
-                  "service{svc}/policysdk{probe}/version=2.5 service{svc}/policysdk_keys<-probe",
-                  "service{svc}/uid=" + uid + " service_keys<-svc",
-                  "service{svc}/scope{default}/name=default service{svc}/scope_keys<-default"}),
-              sets);
-    EXPECT_EQ(root + "service{svc}/scope{*}/probe", scripted_.subscriptions.at(0).path);
-    EXPECT_EQ(uid_key_of("*"), scripted_.subscriptions.at(1).path);
+        sets += s.key.substr(root.size()) + "=" + (s.value == uid ? "<uid>" : s.value) + " " +
+                s.index_key.substr(root.size()) + "<-" + s.member + "|";
+    EXPECT_EQ(
+        "service{svc}/policysdk{probe}/version=2.5 service{svc}/policysdk_keys<-probe|"
+        "service{svc}/uid=<uid> service_keys<-svc|"
+        "service{svc}/scope{default}/name=default service{svc}/scope_keys<-default|",
+        sets);
+    EXPECT_EQ(root + "service{svc}/scope{*}/probe " + uid_key_of("*"),
+              scripted_.subscriptions.at(0).path + " " + scripted_.subscriptions.at(1).path);
     EXPECT_EQ(std::vector<std::string>{"svc stored after 3"}, handled_);
     const std::string at = "obs_policy_ctx_init:N ";
     EXPECT_EQ(
