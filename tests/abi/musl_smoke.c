@@ -111,14 +111,9 @@ static int check_policy_round_trip(void) {
         obs_policy_ctx_init(NULL, "smoke", keep_log_level, ipc, obs_get_ot_sdk_policy_provider());
     obs_policy_ctx *agent =
         obs_policy_ctx_init(NULL, "agent", NULL, ipc, obs_get_ot_sdk_policy_provider());
-    obs_policy_ot entry = {0};
-    entry.scope_name = (char *)"default";
-    entry.sampler = OBS_SAMPLING_ON;
-    entry.log_level = 4;
-    obs_policy rec = {0};
-    rec.op = 1;
-    rec.name = (char *)"obs";
-    rec.format = OBS_POLICY_FORMAT_CODEC_TEXT;
+    obs_policy_ot entry = {
+        .scope_name = (char *)"default", .sampler = OBS_SAMPLING_ON, .log_level = 4};
+    obs_policy rec = {.op = 1, .format = OBS_POLICY_FORMAT_CODEC_TEXT, .name = (char *)"obs"};
     char *text = NULL;
     sdk_policy_ot_internal_encode(&entry, &text, &rec.codec_vlen, 0);
     rec.codec_val = text;
