@@ -87,6 +87,13 @@ TEST_F(MessageCodecTest, EveryFieldIsSentInOrderAndComesBack) {
         if (!codec_vlen) pairs.erase(pairs.begin() + 8);  // a length 0 reads as no payload
         EXPECT_EQ(decode(sent), kvlist(pairs));
     }
+    // A translated record's codec is an entry chain of this process's memory: it never leaves.
+    obs_policy chain = {7,       3,       0x11,  4,   3,       0,       OBS_POLICY_FLAG_TRANSLATED,
+                        nullptr, nullptr, codec, raw, nullptr, nullptr, nullptr,
+                        nullptr};
+    std::vector<std::string> kept = integer_pairs(7, 3, 0x11, 0);
+    kept.insert(kept.end(), {pair("raw_vlen", integer(3)), pair("raw_val", str("x\xff"))});
+    EXPECT_EQ(encode(chain), kvlist(kept));
 }
 
 // Whatever a message holds, its record takes no payload its length does not back, no value of
