@@ -32,7 +32,8 @@ TEST_F(PolicyProviderTest, InvalidNamesGiveNoProviderAndNoContext) {
         obs_test::clear_captured_lines();
         EXPECT_EQ(nullptr, obs_create_default_sdk_policy_provider(name));
         EXPECT_EQ(nullptr, obs_policy_init(nullptr, name));
-        EXPECT_EQ(std::vector<std::string>(2, "invalid name, '{', '}' not allowed"), lines());
+        EXPECT_EQ(std::vector<std::string>(2, "invalid name, '{', '}' not allowed"),
+                  obs_test::captured_lines());
     }
     char service[] = "svc";
     obs_policy_ctx *ctx = obs_policy_init(service, service);
