@@ -28,7 +28,7 @@ class EndToEndTest : public obs_test::LogCaptureTest {
         LogCaptureTest::TearDown();
     }
     // Publishes an "obs" record of op, with the policy text of entries or with raw, to the
-    // service's "default" key and waits until it is handled and answered.
+    // service's "default" key and waits until it is handled and answered (one flush covers both).
     void publish(int op, const obs_policy_ot *entries, const char *raw = nullptr) {
         obs_policy p = {};
         p.op = static_cast<uint8_t>(op);
@@ -45,7 +45,6 @@ class EndToEndTest : public obs_test::LogCaptureTest {
         EXPECT_EQ(obs_policy_dispatch(agent_, &p, to.c_str(), services), 0);
         obs_policy_free_service(services);
         free(text);
-        obs_ipc_mem_flush();
         obs_ipc_mem_flush();
     }
 

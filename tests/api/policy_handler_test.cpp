@@ -33,16 +33,18 @@ TEST_F(PolicyHandlerTest, AnApplyTurnsEveryScopeOffAndAResetRestoresThem) {
     handle(1, &all_off);
     const std::string handler = ">>>>>>>>>>>>ot policy handler, service=svc policy=obs type=0 op=";
     const std::string applied = "---ot policy applied-->service=svc scope=";
-    EXPECT_EQ(lines(), (Lines{handler + "1 format=0x00",
-                              applied + "default sampling=[all:off] log_level=0 op=1",
-                              applied + "opa sampling=[all:off] log_level=0 op=1"}));
+    EXPECT_EQ(
+        obs_test::captured_lines(),
+        (Lines{handler + "1 format=0x00", applied + "default sampling=[all:off] log_level=0 op=1",
+               applied + "opa sampling=[all:off] log_level=0 op=1"}));
     EXPECT_EQ(sdk_.calls(), Lines{"scope_create opa 1.1.0 2"});  // traces off: no request span
     handle(2, nullptr);
     EXPECT_EQ(ctx_->policy, nullptr);
     const std::string reset = "---ot policy reset-->service=svc scope=";
-    EXPECT_EQ(lines(), (Lines{handler + "2 format=0x00",
-                              reset + "default sampling=[all:on] log_level=2 op=2",
-                              reset + "opa sampling=[all:on] log_level=2 op=2"}));
+    EXPECT_EQ(
+        obs_test::captured_lines(),
+        (Lines{handler + "2 format=0x00", reset + "default sampling=[all:on] log_level=2 op=2",
+               reset + "opa sampling=[all:on] log_level=2 op=2"}));
     EXPECT_EQ(sdk_.calls(), (Lines{"span_start_from_context tp-1 scope:opa opa.request",
                                    "span_attrs_set span:opa.request {kvlist 88 2 [{str 16 "
                                    "\"opa.request.id\" 13 {str 5 \"r-1\"}},{str 20 "

@@ -28,7 +28,7 @@ TEST_F(ScopeTest, PoliciesReachTheNamedScopesOfTheMatchingContexts) {
     obs_scope_set_policy_by_name("*", nullptr, 0, nullptr);
     const std::string applied = "---ot policy applied-->service=svc",
                       reset = "---ot policy reset-->";
-    EXPECT_EQ(lines(),
+    EXPECT_EQ(obs_test::captured_lines(),
               (Lines{applied + " scope=default sampling=[all:off] log_level=0 op=3",
                      applied + " scope=net sampling=[all:off] log_level=0 op=3",
                      applied + " scope=net sampling=[all:on] log_level=4 op=3",
