@@ -83,13 +83,14 @@ TEST(ApiStressTest, CountersMatchWhatReachedTheProviderWhilePoliciesChange) {
     std::vector<std::thread> workers;
     for (int i = 0; i < 4; ++i) workers.emplace_back([&] { work(scopes, stop, progress); });
 
-    // Direct and published applies and resets in turn, each in force until every worker has
-    // gone round every scope at least once.
+    // Direct and published applies and resets in turn for three seconds (240 rounds at least),
+    // each in force until every worker has gone round every scope at least once.
     const obs_policy_ot_sampler traces_off{nullptr, OBS_SAMPLING_OFF, OBS_SAMPLING_ON, 0, nullptr};
     const obs_policy_ot_sampler metrics_off{nullptr, OBS_SAMPLING_ON, OBS_SAMPLING_OFF, 0, nullptr};
     const obs_sampling samplings[] = {api_test::sampler(traces_off), api_test::sampler(metrics_off),
                                       OBS_SAMPLING_ALL_OFF, OBS_SAMPLING_ALL_ON};
-    for (int round = 0; round < 240; ++round) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    for (int round = 0; round < 240 || std::chrono::steady_clock::now() < end; ++round) {
         const int op =
             round % 5 == 1 || round % 5 == 4 ? OBS_POLICY_OP_REMOVE : OBS_POLICY_OP_APPLY;
         obs_policy_ot policy = api_test::entry(round % 5 ? "*" : kScopes[round % 3],
