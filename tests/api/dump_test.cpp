@@ -22,11 +22,8 @@ static std::string read_file(const fs::path &path) {
 
 class DumpTest : public ApiTest {
   protected:
-    void TearDown() override {
-        ApiTest::TearDown();
-        fs::remove_all(dir_);
-    }
-    // Polls for at most five seconds until the dump file holds want.
+    void TearDown() override { ApiTest::TearDown(), fs::remove_all(dir_); }
+    // Waits at most five seconds for the dump file to hold want.
     bool file_becomes(const std::string &want) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
         while (read_file(file_) != want && std::chrono::steady_clock::now() < end)

@@ -34,12 +34,6 @@ void record_report(obs_policy_ctx *, const char *service, obs_policy *report) {
                           std::to_string(report->raw_vlen));
 }
 
-// A delivery may queue another (a query's report): wait out both rounds.
-void settle() {
-    obs_ipc_mem_flush();
-    obs_ipc_mem_flush();
-}
-
 using ChannelEndToEndTest = obs_test::LogCaptureTest;
 
 TEST_F(ChannelEndToEndTest, QueriesAreAnsweredWithNumberedReportsAndDeletionsReachServices) {
@@ -49,7 +43,7 @@ TEST_F(ChannelEndToEndTest, QueriesAreAnsweredWithNumberedReportsAndDeletionsRea
     obs_policy_ctx *agent = obs_policy_ctx_init(nullptr, "agent", nullptr, mem, obs);
     ASSERT_TRUE(service && agent);
     obs_policy_set_service_report(agent, nullptr, record_report);
-    settle();
+    obs_ipc_mem_flush();  // also waits for the reports the deliveries queue
     obs_policy_service *directory = obs_policy_load_service(agent);
     received.clear();
     reports.clear();
@@ -64,10 +58,10 @@ TEST_F(ChannelEndToEndTest, QueriesAreAnsweredWithNumberedReportsAndDeletionsRea
     stored.raw_vlen = 14;
     obs_policy_dispatch(agent, &stored, nullptr, directory);
     obs_policy_dispatch(agent, &query, nullptr, directory);
-    settle();
+    obs_ipc_mem_flush();
     const std::string key = OBS_IPC_KEY_ROOT "service{svc1}/scope{default}/obs";
     ASSERT_EQ(obs_ipc_mem_delete(agent->ipc_ctx, key.c_str()), 0);
-    settle();
+    obs_ipc_mem_flush();
     const std::string path = "/kuv/opa/service{svc1}/scope{default}/obs";
     EXPECT_EQ(reports, std::vector<std::string>{"svc1|" + path + "|stored answer|" +
                                                 std::to_string(first) + "|14"});

@@ -13,12 +13,8 @@ using namespace obs_test;
 class PublishingTest : public ScriptedContextTest {
   protected:
     void SetUp() override {
-        LogCaptureTest::SetUp();
-        create();
-        provider_.type = OBS_POLICY_PROVIDER_SDK;
+        ScriptedContextTest::SetUp();
         provider_.name = "obs";
-        written();
-        clear_captured_lines();
     }
 
     // The keys written since the last call, stores then sends, as "service/scope/sdk " words.
@@ -39,19 +35,25 @@ class PublishingTest : public ScriptedContextTest {
     obs_policy_service directory_[1] = {{const_cast<char *>("a"), scopes_, 2, obs_, 1, &b_}};
 };
 
-TEST_F(PublishingTest, RecordsReachTheScopesThatTargetAndPathSelect) {
+// Published: the keys written, then a refusal. Dispatched: a named SDK takes only its own records
+// and claims them; a default provider takes named records no named SDK has claimed; a monitor
+// takes every record; then "+" and the flags after.
+TEST_F(PublishingTest, RecordsReachTheScopesThatProviderTargetAndPathSelect) {
     const char *any = "/t/service{*}/scope{*}/obs", *net = "/t/service{*}/scope{net}/obs";
-    auto shown = [](const char *text) { return text ? text : "NA"; };
+    const std::string both = "a/default/obs b/default/obs ";
+    auto shown = [](const char *text) { return std::string(text ? text : "NA"); };
     const struct {
         uint32_t type;
-        const char *name, *path, *target, *outcome;  // the keys written, then a refusal
+        const char *name, *path, *target;
+        std::string outcome;
+        int flags = -1;  // dispatched with these flags, else published
     } cases[] = {
-        {0x20, "obs", nullptr, nullptr, "a/default/obs b/default/obs "},
+        {0x20, "obs", nullptr, nullptr, both},
         {0x20, "obs", nullptr, net, "a/net/obs b/net/obs "},
         {0x20, "obs", nullptr, "/t/service{*}/scope{default}/other", "-3"},
         {0x20, nullptr, "/r/service{a}/scope{default}/obs", nullptr, "a/default/obs "},
-        {0x20, nullptr, "/r/service{*}/scope{*}/obs", nullptr, "a/default/obs b/default/obs "},
-        {0x10, nullptr, "/r/service{*}/scope{*}/*", nullptr, "a/default/obs b/default/obs "},
+        {0x20, nullptr, "/r/service{*}/scope{*}/obs", nullptr, both},
+        {0x10, nullptr, "/r/service{*}/scope{*}/*", nullptr, both},
         // The scope and SDK in the record's path must agree with the target's.
         {0x20, "obs", "/r/service{*}/scope{net}/obs", nullptr, ""},
         {0x20, "obs", "/r/service{*}/scope{*}/obs", net, ""},
@@ -59,6 +61,14 @@ TEST_F(PublishingTest, RecordsReachTheScopesThatTargetAndPathSelect) {
         // A monitor sends to the target scope of every service with its SDK, registered or not.
         {0x80, "x", "/r/service{a}/scope{y}/x", "/t/service{*}/scope{new}/obs",
          "a/new/obs b/new/obs "},
+        {0x10, nullptr, nullptr, nullptr, "+0", 0},
+        {0x20, nullptr, nullptr, nullptr, "+0", 0},
+        {0x20, "other", nullptr, nullptr, "+0", 0},
+        {0x80, nullptr, nullptr, nullptr, both + "+0", 0},
+        {0x80, "other", nullptr, nullptr, both + "+32", 0x20},
+        {0x20, "obs", nullptr, nullptr, both + "+32", 0},
+        {0x10, "obs", nullptr, nullptr, "+32", 0x20},
+        {0x10, "obs", nullptr, nullptr, both + "+0", 0},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);
@@ -67,12 +77,21 @@ TEST_F(PublishingTest, RecordsReachTheScopesThatTargetAndPathSelect) {
         obs_policy rec = {};
         rec.name = const_cast<char *>(c.name);
         rec.path = const_cast<char *>(c.path);
-        const int result = obs_policy_publish(ctx_, &rec, c.target, directory_);
-        EXPECT_EQ(c.outcome, written() + (result ? std::to_string(result) : ""));
-        EXPECT_EQ(
-            std::vector<std::string>{std::string("obs_policy_publish:N policy=") + shown(c.name) +
-                                     " sdk=obs target=" + shown(c.target ? c.target : c.path)},
-            unnumbered_lines("obs_policy_publish"));
+        rec.dispatch_flags = c.flags < 0 ? 0 : c.flags;
+        const int result = c.flags < 0 ? obs_policy_publish(ctx_, &rec, c.target, directory_)
+                                       : obs_policy_dispatch(ctx_, &rec, c.target, directory_);
+        EXPECT_EQ(c.outcome, written() + (result ? std::to_string(result) : "") +
+                                 (c.flags < 0 ? "" : "+" + std::to_string(rec.dispatch_flags)));
+        const bool taken = c.flags < 0 || c.outcome[0] != '+';
+        EXPECT_EQ(std::vector<std::string>(
+                      taken, "obs_policy_publish:N policy=" + shown(c.name) +
+                                 " sdk=obs target=" + shown(c.target ? c.target : c.path)),
+                  unnumbered_lines("obs_policy_publish"));
+        EXPECT_EQ(std::vector<std::string>(
+                      taken && c.flags >= 0,
+                      "obs_policy_dispatch:N sdk(obs) translator=" + pointer_text(nullptr) +
+                          ", path=NA name=" + shown(c.name) + " len=0"),
+                  unnumbered_lines("obs_policy_dispatch"));
     }
 }
 
@@ -98,40 +117,6 @@ TEST_F(PublishingTest, PublishAndDispatchRefuseWhatTheyCannotUse) {
     std::vector<std::string> expected(2, "obs_policy_dispatch:N no any policy provider found");
     expected.resize(6, "obs_policy_publish:N no any ipc provider found");
     EXPECT_EQ(expected, unnumbered_lines());
-}
-
-// A named SDK takes only its own records and claims them; a default provider takes named records
-// no named SDK has claimed; a monitor takes every record.
-TEST_F(PublishingTest, DispatchTakesRecordsByProviderClassAndClaims) {
-    const std::string both = "a/default/obs b/default/obs ";
-    const struct {
-        uint32_t type;
-        const char *name;
-        uint32_t flags;
-        std::string written;
-        uint32_t flags_after;
-    } cases[] = {
-        {0x10, nullptr, 0, "", 0},     {0x20, nullptr, 0, "", 0},
-        {0x20, "other", 0, "", 0},     {0x80, "other", 0x20, both, 0x20},
-        {0x80, nullptr, 0, both, 0},   {0x20, "obs", 0, both, 0x20},
-        {0x10, "obs", 0x20, "", 0x20}, {0x10, "obs", 0, both, 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(&c - cases);
-        clear_captured_lines();
-        provider_.type = c.type;
-        obs_policy rec = {};
-        rec.name = const_cast<char *>(c.name);
-        rec.dispatch_flags = c.flags;
-        EXPECT_EQ(0, obs_policy_dispatch(ctx_, &rec, nullptr, directory_));
-        EXPECT_EQ(c.written, written());
-        EXPECT_EQ(c.flags_after, rec.dispatch_flags);
-        std::vector<std::string> taken;
-        if (!c.written.empty())
-            taken.push_back("obs_policy_dispatch:N sdk(obs) translator=" + pointer_text(nullptr) +
-                            ", path=NA name=" + (c.name ? c.name : "NA") + " len=0");
-        EXPECT_EQ(taken, unnumbered_lines("obs_policy_dispatch"));
-    }
 }
 
 // Under AddressSanitizer a result left unreleased, or the handed copy released, fails the test.
@@ -183,11 +168,10 @@ TEST_F(PublishingTest, IpcSendStoresUpToOpThreeAndSendsAbove) {
         EXPECT_EQ(c.path, rec.path);
         const auto &made = c.op > OBS_POLICY_OP_REAPPLY ? scripted_.sends : scripted_.sets;
         ASSERT_EQ(1u, made.size());
-        EXPECT_EQ("", made[0].index_key + made[0].member);
-        EXPECT_EQ(std::vector<std::string>{"obs_policy_ipc_send:N to=k path=" + c.root +
-                                           "/service{a}/scope{net}/obs vlen=" +
-                                           std::to_string(made[0].value.size()) + " ret=9"},
-                  unnumbered_lines("obs_policy_ipc_send"));
+        EXPECT_EQ("obs_policy_ipc_send:N to=k path=" + c.root +
+                      "/service{a}/scope{net}/obs vlen=" + std::to_string(made[0].value.size()) +
+                      " ret=9|" + made[0].index_key + made[0].member,
+                  logged("obs_policy_ipc_send"));
         EXPECT_EQ("k ", written());
     }
     obs_policy rec = {};

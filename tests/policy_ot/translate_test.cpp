@@ -71,18 +71,4 @@ TEST(TranslateTest, CopiesOfTranslatedRecordsGetSeparateMarkedEntryChains) {
     EXPECT_EQ(sdk_policy_ot_clone(nullptr, 0), nullptr);
 }
 
-// The chain holds this process's addresses: no message or plain copy carries its bytes.
-TEST(TranslateTest, TranslatedRecordsAreEncodedWithoutTheirEntryChain) {
-    record_ptr record = received(0x11, kTwoEntries), copy = translated(record.get());
-    char *text = nullptr;
-    uint32_t len = 0;
-    obs_policy_internal_encode(copy.get(), &text, &len);
-    const std::string message = text ? text : "<none>";
-    free(text);
-    EXPECT_EQ(message.find("codec_"), std::string::npos) << message;
-    EXPECT_NE(message.find(pair("raw_val", str("ok"))), std::string::npos) << message;
-    record_ptr plain(obs_policy_clone_one(copy.get(), 1), sdk_policy_ot_free);
-    EXPECT_TRUE(!plain->codec_val && !plain->codec_vlen && !plain->dispatch_flags);
-}
-
 }  // namespace

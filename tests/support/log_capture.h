@@ -27,7 +27,7 @@ inline void clear_captured_lines() {
     capture_list.clear();
 }
 
-// Fixture whose tests see the lines logged since SetUp in lines().
+// Fixture whose tests see the lines logged since SetUp in captured_lines().
 class LogCaptureTest : public testing::Test {
   protected:
     void SetUp() override {
@@ -39,7 +39,6 @@ class LogCaptureTest : public testing::Test {
         });
     }
     void TearDown() override { obs_log_callback_set(nullptr); }
-    static std::vector<std::string> lines() { return captured_lines(); }
     // The lines (of operation only, if named) with the number of an "operation:line " or
     // "[OBS_API operation:line]" (or another tag's) prefix written as "N".
     static std::vector<std::string> unnumbered_lines(const std::string &operation = "") {

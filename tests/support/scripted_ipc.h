@@ -76,18 +76,14 @@ class ScriptedIpc {
     };
     std::vector<Subscription> subscriptions;
     std::vector<std::string> gets;
-    std::vector<void *> init_contexts;  // the policy contexts handed to init
-    int frees = 0;
+    int inits = 0, frees = 0;
 
   private:
     static ScriptedIpc *self(void *ipc_ctx) { return static_cast<ScriptedIpc *>(ipc_ctx); }
     static std::string bytes(const void *data, uint32_t len) {
         return data ? std::string(static_cast<const char *>(data), len) : "";
     }
-    static void *init(void *policy_ctx, const char *, void *evloop) {
-        self(evloop)->init_contexts.push_back(policy_ctx);
-        return evloop;
-    }
+    static void *init(void *, const char *, void *evloop) { return ++self(evloop)->inits, evloop; }
     static void release(void *ipc_ctx) { ++self(ipc_ctx)->frees; }
     static int subscribe(void *ipc_ctx, const char *path, obs_ipc_handler handler) {
         self(ipc_ctx)->subscriptions.push_back({path, handler});
@@ -132,14 +128,19 @@ class ScriptedIpc {
 };
 
 // A policy context of the service "svc" for the provider "probe" over a scripted IPC provider,
-// made by create with the fixture as user_ctx. Every context made is released once, through the
-// IPC's free and the provider's.
+// made by create with the fixture as user_ctx, a first one without handler before each test.
+// Every context made is released once, through the IPC's free and the provider's.
 class ScriptedContextTest : public LogCaptureTest {
   protected:
+    void SetUp() override {
+        LogCaptureTest::SetUp();
+        create();
+        scripted_.sets.clear();
+        clear_captured_lines();
+    }
     void TearDown() override {
         obs_policy_ctx_free(ctx_);
-        const int made = static_cast<int>(scripted_.init_contexts.size());
-        EXPECT_TRUE(scripted_.frees == made && ctx_frees_ == made);
+        EXPECT_TRUE(scripted_.frees == scripted_.inits && ctx_frees_ == scripted_.inits);
         LogCaptureTest::TearDown();
     }
     // A new context in place of the last; how many sets, subscriptions and gets making it took.
