@@ -20,7 +20,7 @@ TEST_F(BindingTest, EveryInitLogsTwoLinesAndBindsWhatTheProviderUses) {
     void *library = dlopen("libopentelemetry-c.so", RTLD_LAZY);
     char loaded[64];
     snprintf(loaded, sizeof loaded, "ot libopentelemetry-c.so loaded: %p", library);
-    EXPECT_EQ(lines(), (Lines{loaded, "ot all api detected"}));
+    EXPECT_EQ(obs_test::captured_lines(), (Lines{loaded, "ot all api detected"}));
     EXPECT_EQ(calls(), "");
     EXPECT_EQ(reinterpret_cast<void *>(_otelc_destroy_metrics_inst),
               dlsym(library, "otelc_destroy_metrics_inst"));
@@ -48,7 +48,8 @@ TEST_F(BindingTest, FreeCleansUpWhatFirstUsesMadeThenDestroysTheResourceMaps) {
 TEST_F(LoadFailureTest, MissingLibraryFailsTheContextWithOneLine) {
     EXPECT_EQ(service(), nullptr);
     ASSERT_EQ(dlopen("libopentelemetry-c.so", RTLD_LAZY), nullptr);
-    EXPECT_EQ(lines(), Lines{std::string("Error loading ot library: ") + dlerror()});
+    EXPECT_EQ(obs_test::captured_lines(),
+              Lines{std::string("Error loading ot library: ") + dlerror()});
 }
 
 TEST_F(LoadFailureTest, LibraryLackingAFunctionIsClosedAgainAndBindsNothing) {
@@ -63,7 +64,9 @@ TEST_F(LoadFailureTest, LibraryLackingAFunctionIsClosedAgainAndBindsNothing) {
         ASSERT_EQ(dlsym(library, lacking), nullptr);
         const std::string error =
             std::string("ot lib api load error: ") + lacking + " " + dlerror();
-        EXPECT_TRUE(lines().size() == 2 && lines()[1] == error) << testing::PrintToString(lines());
+        EXPECT_TRUE(obs_test::captured_lines().size() == 2 &&
+                    obs_test::captured_lines()[1] == error)
+            << testing::PrintToString(obs_test::captured_lines());
         dlclose(library);
     }
 }

@@ -28,7 +28,7 @@ TEST_F(InstrumentsTest, FirstAddMakesProviderMeterAndInstrumentAndLaterAddsOnlyA
               "metrics_inst_add_double_attrs(inst#2,0.5,null)\n"
               "metrics_inst_add_int64_attrs(inst#1,9223372036854775807,null)\n"
               "destroy_metrics_inst(inst#1)\ndestroy_metrics_inst(inst#2)\n");
-    EXPECT_EQ(lines(), Lines{});
+    EXPECT_EQ(obs_test::captured_lines(), Lines{});
 }
 
 TEST_F(InstrumentsTest, AttributesMakeOneMapPerAddAndResultsComeBackUnchanged) {
