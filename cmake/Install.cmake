@@ -1,6 +1,6 @@
 include(CMakePackageConfigHelpers)
 
-install(TARGETS observability-api obs-ipc-mem EXPORT ObservabilityApiTargets
+install(TARGETS observability-api obs-ipc-mem opentelemetry-c EXPORT ObservabilityApiTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES include/observability_api.h include/observability_ipc_mem.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
@@ -40,7 +40,7 @@ endfunction()
 obs_pc_dir(pc_libdir "${CMAKE_INSTALL_LIBDIR}")
 obs_pc_dir(pc_includedir "${CMAKE_INSTALL_INCLUDEDIR}")
 
-foreach(package observability-api obs-ipc-mem)
+foreach(package observability-api obs-ipc-mem opentelemetry-c)
     configure_file(cmake/${package}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${package}.pc @ONLY)
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${package}.pc
         DESTINATION ${pkgconfig_dir})

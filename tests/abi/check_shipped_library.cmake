@@ -1,12 +1,13 @@
 # Guards of a shipped shared library's binary interface, read from the built file with the
 # toolchain's readelf and nm. Run as
 #   cmake -DCHECK=<check> -DLIBRARY=<file> -DREADELF=<readelf> -DNM=<nm>
-#         [-DALLOWED_NEEDED=<regex>] -P check_shipped_library.cmake
+#         [-DALLOWED_NEEDED=<regex>] [-DINTERFACE=<regex>] -P check_shipped_library.cmake
 # with one of these checks; it fails, naming every offender, when the library breaks it:
 #   needed       every NEEDED entry is a piece of the C library or the dynamic loader
 #                (ALLOWED_NEEDED narrows that, e.g. to musl's single libc.so)
 #   cxx_runtime  no undefined symbol of the C++ runtime (mangled names, __gxx_*, __cxa_*)
-#   exports      every defined dynamic symbol carries an interface prefix
+#   exports      every defined dynamic symbol carries an interface prefix (INTERFACE narrows or
+#                replaces the main library's prefixes, e.g. to the binding's otelc_)
 # Each check also insists on finding what any such library has (its C library, an undefined
 # libc call, an export), so that output it failed to read cannot pass as a clean library.
 cmake_minimum_required(VERSION 3.25)
@@ -30,6 +31,9 @@ endif()
 set(cxx_runtime_symbol "^(_Z|__gxx_|__cxa_)")
 set(c_start_up_symbol "^__cxa_(finalize|atexit)$")
 set(interface_symbol "^(obs_|sdk_|_otelc_)|^__sdk_ot_cpp_provider$")
+if(DEFINED INTERFACE)
+    set(interface_symbol "${INTERFACE}")
+endif()
 
 # The tool's standard output as a list of lines.
 function(tool_output_lines out_var)
