@@ -293,6 +293,8 @@ Pipeline *pipeline_create(Signal signal, const SignalOps *ops, const char *servi
     p->next = pipelines;
     pipelines = p;
     pthread_mutex_unlock(&lock);
+    // The thread may be waiting with a deadline computed before this context existed.
+    if (running) sem_post(&wake);
     pthread_mutex_unlock(&life);
     return p;
 }
