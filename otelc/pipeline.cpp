@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "otelc/diag.h"
+#include "otelc/otlp_http.h"
 #include "otelc/resource.h"
 
 namespace otelc {
@@ -81,9 +82,9 @@ void open_output(Pipeline *p, const SignalNames &names) {
                 diag("cannot open %s: %s; %s are not exported", path, strerror(errno), names.name);
         }
     } else if (p->kind == ExporterKind::otlp) {
-        diag("the otlp exporter is not available in this build; %s are not exported", names.name);
+        p->otlp = otlp_target_create(names.name);
     }
-    if (p->fd < 0) p->kind = ExporterKind::none;
+    if (p->fd < 0 && !p->otlp) p->kind = ExporterKind::none;
 }
 
 void configure(Pipeline *p, const SignalNames &names) {
@@ -143,24 +144,37 @@ bool write_all(int fd, const char *data, size_t n, uint64_t deadline) {
     return true;
 }
 
-// Encodes and writes records, then releases them; counts them exported or dropped.
-void export_records(Pipeline *p, void **records, uint32_t n, uint64_t deadline) {
-    if (n == 0) return;
+// Encodes and writes or posts records, then releases them; counts them exported or dropped.
+// false when the receiver could not be reached or kept refusing until the deadline: later batches
+// would fare no better now.
+bool export_records(Pipeline *p, void **records, uint32_t n, uint64_t deadline) {
+    if (n == 0) return true;
     if (p->kind == ExporterKind::none) {
         for (uint32_t i = 0; i < n; ++i) p->ops->release(records[i]);
-        return;
+        return true;
     }
     Buf out{};
+    bool reachable = true;
+    bool written = false;
     if (p->kind == ExporterKind::console) {
         p->ops->encode_console(p, records, n, &out);
     } else {
         p->ops->encode_json(p, records, n, &out);
-        buf_append(&out, "\n", 1);
+        if (p->kind == ExporterKind::file) buf_append(&out, "\n", 1);
     }
-    const bool written = !out.failed && write_all(p->fd, out.data, out.length, deadline);
+    if (out.failed) {
+        diag("out of memory encoding %u records; dropped", n);
+    } else if (p->kind == ExporterKind::otlp) {
+        const SendResult sent = otlp_send(p->otlp, out.data, out.length, n, deadline);
+        written = sent == SendResult::delivered;
+        reachable = sent != SendResult::failed;
+    } else {
+        written = write_all(p->fd, out.data, out.length, deadline);
+    }
     (written ? p->exported : p->dropped).fetch_add(n, std::memory_order_relaxed);
     buf_release(&out);
     for (uint32_t i = 0; i < n; ++i) p->ops->release(records[i]);
+    return reachable;
 }
 
 // One export pass over p: a collection for metrics, batches of what is queued for the others,
@@ -175,17 +189,23 @@ void flush(Pipeline *p, uint64_t deadline, bool final) {
     }
     void *batch[64];
     const uint32_t room = p->max_batch < 64 ? p->max_batch : 64;
+    bool unreachable = false;
     while (mono_ns() < deadline || final) {
         uint32_t n = 0;
         while (n < room && (batch[n] = pop(p))) ++n;
         if (n == 0) return;
-        if (mono_ns() >= deadline) {
-            // Past the timeout at cleanup: what is left is released, not written.
+        if (unreachable || mono_ns() >= deadline) {
+            // Past the timeout at cleanup, or with the receiver gone: what is left is released,
+            // not written.
             for (uint32_t i = 0; i < n; ++i) p->ops->release(batch[i]);
             p->dropped.fetch_add(n, std::memory_order_relaxed);
             continue;
         }
-        export_records(p, batch, n, deadline);
+        if (!export_records(p, batch, n, deadline)) {
+            // Out of cleanup, what is still queued waits for the next pass.
+            if (!final) return;
+            unreachable = true;
+        }
     }
 }
 
@@ -258,6 +278,7 @@ void stop_exporter() {
 
 void release_pipeline(Pipeline *p) {
     if (p->kind == ExporterKind::file) close(p->fd);
+    otlp_target_release(p->otlp);
     attrs_clear(&p->resource);
     free(p->service_name);
     free(p->slots);

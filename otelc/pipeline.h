@@ -18,6 +18,7 @@ enum class Signal : uint8_t { traces, logs, metrics };
 enum class ExporterKind : uint8_t { none, console, file, otlp };
 
 struct Pipeline;
+struct OtlpTarget;
 
 // What differs between signals.
 struct SignalOps {
@@ -41,7 +42,8 @@ struct Pipeline {
     const SignalOps *ops;
     char *service_name;
     AttrMap resource;
-    int fd;  // where the console and file exporters write; -1 for none
+    int fd;            // where the console and file exporters write; -1 for none
+    OtlpTarget *otlp;  // where the otlp exporter posts
     uint32_t max_queue;
     uint32_t max_batch;
     uint32_t delay_ms;

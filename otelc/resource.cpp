@@ -20,9 +20,9 @@ int hex_digit(char c) {
     return -1;
 }
 
-// The percent-decoded text of [begin, end) with surrounding blanks trimmed, malloc'd; null when
-// an escape is malformed or memory runs out.
-char *decoded(const char *begin, const char *end) {
+}  // namespace
+
+char *percent_decoded(const char *begin, const char *end) {
     while (begin < end && (*begin == ' ' || *begin == '\t')) ++begin;
     while (end > begin && (end[-1] == ' ' || end[-1] == '\t')) --end;
     auto *out = static_cast<char *>(malloc(end - begin + 1));
@@ -46,6 +46,8 @@ char *decoded(const char *begin, const char *end) {
     return out;
 }
 
+namespace {
+
 void put_text(AttrMap *map, const char *key, const char *value) {
     Attr item{};
     item.key = const_cast<char *>(key);
@@ -63,8 +65,8 @@ bool parse_resource_attributes(const char *text, AttrMap *map) {
         const char *end = strchr(pair, ',');
         if (!end) end = pair + strlen(pair);
         const char *equals = static_cast<const char *>(memchr(pair, '=', end - pair));
-        char *key = equals ? decoded(pair, equals) : nullptr;
-        char *value = key ? decoded(equals + 1, end) : nullptr;
+        char *key = equals ? percent_decoded(pair, equals) : nullptr;
+        char *value = key ? percent_decoded(equals + 1, end) : nullptr;
         good = value && *key;
         if (good) put_text(&parsed, key, value);
         free(key);

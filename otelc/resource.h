@@ -13,6 +13,9 @@ void resource_build(AttrMap *resource, const char *service_name, const char *ser
 // Puts the "k=v,k2=v2" pairs of text, percent-decoded, into map; a malformed text logs one line
 // and puts nothing. false when malformed.
 bool parse_resource_attributes(const char *text, AttrMap *map);
+// The percent-decoded text of [begin, end) with surrounding blanks trimmed, malloc'd; null when
+// an escape is malformed or memory runs out.
+char *percent_decoded(const char *begin, const char *end);
 
 }  // namespace otelc
 
