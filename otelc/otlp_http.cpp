@@ -479,7 +479,7 @@ SendResult otlp_send(OtlpTarget *t, const char *body, size_t n, uint32_t records
         backoff_ms = backoff_ms * 2 > kMaxBackoffMs ? kMaxBackoffMs : backoff_ms * 2;
         if (mono_ns() + wait_ms * 1000000ull >= deadline) {
             const size_t used = strlen(a.reason);
-            snprintf(a.reason + used, sizeof a.reason - used, " (%u attempts)", attempts);
+            snprintf(a.reason + used, sizeof a.reason - used, " (attempts: %u)", attempts);
             break;
         }
         sleep_ms(wait_ms);

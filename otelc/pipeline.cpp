@@ -45,15 +45,19 @@ const SignalNames kNames[] = {
 constexpr uint32_t kMaxQueue = 1u << 20;
 constexpr uint32_t kMaxMs = 24u * 3600 * 1000;
 
-// The exporter thread's state. life serialises starting and stopping the thread (held by context
-// creation and cleanup); lock guards the list and is held for a whole export pass.
+// The exporter thread's state. life serialises starting and stopping the thread; lock guards
+// the list and is held for a whole export pass, which may wait on the network for the export
+// timeout. New contexts wait in joining (under joining_lock, never held across I/O) until the
+// thread's next pass takes them in, so that making a context never waits for an export.
 pthread_mutex_t life = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t joining_lock = PTHREAD_MUTEX_INITIALIZER;
 sem_t wake;
 pthread_t thread;
 bool running;
 bool stopping;
 Pipeline *pipelines;
+Pipeline *joining;
 
 ExporterKind exporter_kind(const SignalNames &names) {
     const char *text = env_text(names.exporter_var);
@@ -231,6 +235,13 @@ void *exporter_main(void *) {
     for (;;) {
         pthread_mutex_lock(&lock);
         if (stopping) break;
+        pthread_mutex_lock(&joining_lock);
+        while (Pipeline *p = joining) {
+            joining = p->next;
+            p->next = pipelines;
+            pipelines = p;
+        }
+        pthread_mutex_unlock(&joining_lock);
         uint64_t next = mono_ns() + 3600ull * 1000000000u;
         for (Pipeline *p = pipelines; p; p = p->next) {
             const uint64_t now = mono_ns();
@@ -276,6 +287,15 @@ void stop_exporter() {
     __atomic_store_n(&running, false, __ATOMIC_RELAXED);
 }
 
+void unlink(Pipeline **list, const Pipeline *p) {
+    for (Pipeline **link = list; *link; link = &(*link)->next) {
+        if (*link == p) {
+            *link = p->next;
+            return;
+        }
+    }
+}
+
 void release_pipeline(Pipeline *p) {
     if (p->kind == ExporterKind::file) close(p->fd);
     otlp_target_release(p->otlp);
@@ -309,11 +329,11 @@ Pipeline *pipeline_create(Signal signal, const SignalOps *ops, const char *servi
     open_output(p, names);
     pthread_mutex_lock(&life);
     start_exporter();
-    pthread_mutex_lock(&lock);
+    pthread_mutex_lock(&joining_lock);
     p->due_ns = mono_ns() + p->delay_ms * 1000000ull;
-    p->next = pipelines;
-    pipelines = p;
-    pthread_mutex_unlock(&lock);
+    p->next = joining;
+    joining = p;
+    pthread_mutex_unlock(&joining_lock);
     // The thread may be waiting with a deadline computed before this context existed.
     if (running) sem_post(&wake);
     pthread_mutex_unlock(&life);
@@ -322,16 +342,19 @@ Pipeline *pipeline_create(Signal signal, const SignalOps *ops, const char *servi
 
 void pipeline_destroy(Pipeline *pipeline) {
     if (!pipeline) return;
+    pthread_mutex_lock(&lock);
+    unlink(&pipelines, pipeline);
+    pthread_mutex_lock(&joining_lock);
+    unlink(&joining, pipeline);
+    pthread_mutex_unlock(&joining_lock);
+    flush(pipeline, mono_ns() + pipeline->timeout_ms * 1000000ull, true);
+    pthread_mutex_unlock(&lock);
+    // Whether it was the last is decided under life, against contexts made meanwhile.
     pthread_mutex_lock(&life);
     pthread_mutex_lock(&lock);
-    for (Pipeline **link = &pipelines; *link; link = &(*link)->next) {
-        if (*link == pipeline) {
-            *link = pipeline->next;
-            break;
-        }
-    }
-    flush(pipeline, mono_ns() + pipeline->timeout_ms * 1000000ull, true);
-    const bool last = pipelines == nullptr;
+    pthread_mutex_lock(&joining_lock);
+    const bool last = pipelines == nullptr && joining == nullptr;
+    pthread_mutex_unlock(&joining_lock);
     pthread_mutex_unlock(&lock);
     if (last) stop_exporter();
     pthread_mutex_unlock(&life);
