@@ -1,10 +1,17 @@
-// Up-down counters: values summed per attribute set on the adding thread (under the instrument's
-// own lock, never held across I/O), collected as cumulative non-monotonic OTLP sums by the
-// exporter thread. An instrument keeps at most kCardinalityLimit points, the overflow point that
-// takes every further attribute set included.
+// Up-down counters: values summed per attribute set on the adding thread, collected as cumulative
+// non-monotonic OTLP sums by the exporter thread. An instrument keeps at most kCardinalityLimit
+// points, the overflow point that takes every further attribute set included.
+//
+// Adding to a point seen before neither locks nor allocates: sums are atomic, the point without
+// attributes is part of the instrument, and the others are found in a probe table that readers
+// search without the lock. The instrument's lock guards making points and growing the table only;
+// a grown table is published whole and the old one kept until the instrument goes, so a reader
+// may finish its search in it.
+#include <atomic>
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "otelc/diag.h"
 #include "otelc/scope.h"
@@ -20,33 +27,38 @@ union Sum {
     double real;
 };
 
-// A point's attribute set is identified by its canonical encoding: the attributes sorted by key,
-// each as key, NUL, type and value.
+// One attribute set's sum: the int64 (wrapping) or the double's bits.
 struct Point {
-    char *key;  // null: an empty slot
-    uint32_t key_length;
-    uint32_t hash;
-    AttrMap attrs;
-    Sum sum;
+    std::atomic<uint64_t> sum{0};
+    uint32_t hash = 0;
+    AttrMap attrs{};
 };
+
+struct Table {
+    Table *older;  // replaced tables, kept for readers still searching them
+    uint32_t mask;
+    std::atomic<Point *> *slots;  // at most half full; a point once stored stays
+};
+
+enum class Plain : uint8_t { unused, own, overflowed };
 
 }  // namespace
 
 struct Instrument {
-    Instrument *next;
-    Scope *meter;
-    char *name;
-    char *unit;
-    char *description;
-    int value_type;
-    uint64_t start_ns;
-    bool destroyed;  // under scopes_lock
+    Instrument *next = nullptr;
+    Scope *meter = nullptr;
+    char *name = nullptr;
+    char *unit = nullptr;
+    char *description = nullptr;
+    int value_type = 0;
+    uint64_t start_ns = 0;
+    bool destroyed = false;  // under scopes_lock
     pthread_mutex_t lock;
-    Point *table;  // open addressing, at most half full
-    uint32_t capacity;
-    uint32_t count;  // points in table, the overflow point excluded
-    bool has_overflow;
-    Point overflow;
+    std::atomic<Table *> table{nullptr};
+    std::atomic<Plain> plain_state{Plain::unused};
+    Point plain;                // the point without attributes
+    uint32_t count = 0;         // points made, the overflow point excluded; under lock
+    Point *overflow = nullptr;  // under lock
 };
 
 namespace {
@@ -69,119 +81,198 @@ struct MetricRecord {
     uint32_t count;
 };
 
-uint32_t fnv1a(const char *bytes, size_t n) {
-    uint32_t hash = 2166136261u;
-    for (size_t i = 0; i < n; ++i) hash = (hash ^ static_cast<uint8_t>(bytes[i])) * 16777619u;
+uint32_t fnv1a(uint32_t hash, const void *bytes, size_t n) {
+    const auto *p = static_cast<const uint8_t *>(bytes);
+    for (size_t i = 0; i < n; ++i) hash = (hash ^ p[i]) * 16777619u;
     return hash;
 }
 
-void canonical_key(const AttrMap *attrs, Buf *out) {
-    if (!attrs || attrs->count == 0) return;
-    const Attr *on_stack[16];
-    const Attr **sorted = on_stack;
-    if (attrs->count > 16) {
-        sorted = static_cast<const Attr **>(malloc(attrs->count * sizeof(Attr *)));
-        if (!sorted) {
-            out->failed = true;
-            return;
-        }
+uint32_t attr_hash(const Attr &attr) {
+    uint32_t hash = fnv1a(2166136261u, attr.key, strlen(attr.key) + 1);
+    hash = fnv1a(hash, &attr.type, 1);
+    switch (attr.type) {
+        case AttrType::boolean:
+            return fnv1a(hash, &attr.value.boolean, 1);
+        case AttrType::int64:
+            return fnv1a(hash, &attr.value.int64, sizeof attr.value.int64);
+        case AttrType::real:
+            return fnv1a(hash, &attr.value.real, sizeof attr.value.real);
+        case AttrType::text:
+            return fnv1a(hash, attr.value.text, strlen(attr.value.text));
     }
-    for (uint32_t i = 0; i < attrs->count; ++i) {
-        uint32_t j = i;
-        for (; j > 0 && strcmp(sorted[j - 1]->key, attrs->items[i].key) > 0; --j)
-            sorted[j] = sorted[j - 1];
-        sorted[j] = &attrs->items[i];
-    }
-    for (uint32_t i = 0; i < attrs->count; ++i) {
-        const Attr &attr = *sorted[i];
-        buf_append(out, attr.key, strlen(attr.key) + 1);
-        const char type = static_cast<char>(attr.type);
-        buf_append(out, &type, 1);
-        if (attr.type == AttrType::text) {
-            buf_append(out, attr.value.text, strlen(attr.value.text) + 1);
-        } else {
-            buf_append(out, reinterpret_cast<const char *>(&attr.value), sizeof attr.value);
-        }
-    }
-    if (sorted != on_stack) free(sorted);
+    return hash;
 }
 
-Point *find_slot(Point *table, uint32_t capacity, const char *key, uint32_t length, uint32_t hash) {
-    for (uint32_t i = hash & (capacity - 1);; i = (i + 1) & (capacity - 1)) {
-        Point *slot = &table[i];
-        if (!slot->key || (slot->hash == hash && slot->key_length == length &&
-                           memcmp(slot->key, key, length) == 0))
-            return slot;
+// The same whatever the order of the keys: each attribute's hash, mixed, then summed.
+uint32_t set_hash(const AttrMap *attrs) {
+    uint32_t hash = 0;
+    for (uint32_t i = 0; i < attrs->count; ++i) {
+        uint32_t h = attr_hash(attrs->items[i]);
+        h ^= h >> 16;
+        h *= 0x85ebca6bu;
+        h ^= h >> 13;
+        hash += h;
     }
+    return hash;
 }
 
-bool grow(Instrument *inst) {
-    const uint32_t capacity = inst->capacity ? inst->capacity * 2 : 16;
-    auto *table = static_cast<Point *>(calloc(capacity, sizeof(Point)));
-    if (!table) return false;
-    for (uint32_t i = 0; i < inst->capacity; ++i) {
-        const Point &old = inst->table[i];
-        if (old.key) *find_slot(table, capacity, old.key, old.key_length, old.hash) = old;
+bool same_value(const Attr &a, const Attr &b) {
+    if (a.type != b.type) return false;
+    switch (a.type) {
+        case AttrType::boolean:
+            return a.value.boolean == b.value.boolean;
+        case AttrType::int64:
+            return a.value.int64 == b.value.int64;
+        case AttrType::real:
+            return memcmp(&a.value.real, &b.value.real, sizeof a.value.real) == 0;
+        case AttrType::text:
+            return strcmp(a.value.text, b.value.text) == 0;
     }
-    free(inst->table);
-    inst->table = table;
-    inst->capacity = capacity;
+    return false;
+}
+
+// Keys are unique within a map, so equal counts and every key of attrs found equal in point's
+// make the same set.
+bool same_set(const Point &point, const AttrMap *attrs) {
+    if (point.attrs.count != attrs->count) return false;
+    for (uint32_t i = 0; i < attrs->count; ++i) {
+        const Attr *found = attrs_find(&point.attrs, attrs->items[i].key);
+        if (!found || !same_value(*found, attrs->items[i])) return false;
+    }
     return true;
 }
 
-bool init_point(Point *point, const char *key, uint32_t length, uint32_t hash,
-                const AttrMap *attrs) {
-    *point = Point{};
+// attrs' point in table, or the empty slot where it would go.
+std::atomic<Point *> *probe(Table *table, const AttrMap *attrs, uint32_t hash, Point **found) {
+    for (uint32_t i = hash & table->mask;; i = (i + 1) & table->mask) {
+        Point *point = table->slots[i].load(std::memory_order_acquire);
+        if (!point || (point->hash == hash && same_set(*point, attrs))) {
+            *found = point;
+            return &table->slots[i];
+        }
+    }
+}
+
+Table *make_table(uint32_t capacity, Table *older) {
+    void *memory = malloc(sizeof(Table) + capacity * sizeof(std::atomic<Point *>));
+    if (!memory) return nullptr;
+    auto *table = static_cast<Table *>(memory);
+    table->older = older;
+    table->mask = capacity - 1;
+    table->slots = reinterpret_cast<std::atomic<Point *> *>(table + 1);
+    for (uint32_t i = 0; i < capacity; ++i) new (&table->slots[i]) std::atomic<Point *>(nullptr);
+    return table;
+}
+
+// The instrument's table with room for one more point. Under the instrument's lock.
+Table *room_for_one(Instrument *inst) {
+    Table *table = inst->table.load(std::memory_order_relaxed);
+    const uint32_t capacity = table ? table->mask + 1 : 16;
+    if (table && (inst->count + 1) * 2 <= capacity) return table;
+    Table *grown = make_table(table ? capacity * 2 : capacity, table);
+    if (!grown) return nullptr;
+    for (uint32_t i = 0; table && i <= table->mask; ++i) {
+        Point *point = table->slots[i].load(std::memory_order_relaxed);
+        if (!point) continue;
+        for (uint32_t j = point->hash & grown->mask;; j = (j + 1) & grown->mask) {
+            if (grown->slots[j].load(std::memory_order_relaxed)) continue;
+            grown->slots[j].store(point, std::memory_order_relaxed);
+            break;
+        }
+    }
+    inst->table.store(grown, std::memory_order_release);
+    return grown;
+}
+
+Point *make_point(const AttrMap *attrs, uint32_t hash) {
+    void *memory = malloc(sizeof(Point));
+    if (!memory) return nullptr;
+    auto *point = new (memory) Point();
+    point->hash = hash;
     uint32_t dropped = 0;
     attrs_merge(&point->attrs, attrs, kUnlimited, &dropped);
-    point->key = static_cast<char *>(malloc(length + 1));
-    if (!point->key || dropped) {
-        free(point->key);
+    if (dropped) {
         attrs_clear(&point->attrs);
-        *point = Point{};
-        return false;
+        free(point);
+        return nullptr;
     }
-    memcpy(point->key, key, length);
-    point->key_length = length;
-    point->hash = hash;
-    return true;
+    return point;
 }
 
-// The point of attrs, made when missing; the overflow point once the limit is reached; null when
-// memory runs out. Under the instrument's lock.
-Point *point_of(Instrument *inst, const AttrMap *attrs) {
-    Buf key{};
-    canonical_key(attrs, &key);
-    if (key.failed) return nullptr;
-    const char *bytes = key.data ? key.data : "";
-    const uint32_t hash = fnv1a(bytes, key.length);
-    Point *point = nullptr;
-    if (inst->capacity) point = find_slot(inst->table, inst->capacity, bytes, key.length, hash);
-    if (!point || !point->key) {
-        if (inst->count >= kCardinalityLimit - 1) {
-            point = &inst->overflow;
-            if (!inst->has_overflow) {
-                AttrMap overflow{};
-                Attr flag{};
-                flag.key = const_cast<char *>("otel.metric.overflow");
-                flag.value.boolean = true;
-                attrs_put(&overflow, flag, kUnlimited);
-                inst->has_overflow = init_point(point, "", 0, 0, &overflow);
-                attrs_clear(&overflow);
-                if (!inst->has_overflow) point = nullptr;
-            }
-        } else if ((inst->count + 1) * 2 > inst->capacity && !grow(inst)) {
-            point = nullptr;
-        } else {
-            point = find_slot(inst->table, inst->capacity, bytes, key.length, hash);
-            if (init_point(point, bytes, key.length, hash, attrs)) {
-                ++inst->count;
-            } else {
-                point = nullptr;
-            }
-        }
+void release_point(Point *point) {
+    attrs_clear(&point->attrs);
+    free(point);
+}
+
+// The overflow point, made when missing; null when memory runs out. Under the instrument's lock.
+Point *overflow_of(Instrument *inst) {
+    if (!inst->overflow) {
+        AttrMap flag_set{};
+        Attr flag{};
+        flag.key = const_cast<char *>("otel.metric.overflow");
+        flag.value.boolean = true;
+        if (attrs_put(&flag_set, flag, kUnlimited)) inst->overflow = make_point(&flag_set, 0);
+        attrs_clear(&flag_set);
     }
-    buf_release(&key);
+    return inst->overflow;
+}
+
+bool at_limit(const Instrument *inst) {
+    return inst->count >= kCardinalityLimit - 1;
+}
+
+// The point without attributes on its first add (or the overflow point). Under the lock.
+Point *first_plain(Instrument *inst) {
+    switch (inst->plain_state.load(std::memory_order_relaxed)) {
+        case Plain::own:
+            return &inst->plain;
+        case Plain::overflowed:
+            return overflow_of(inst);
+        case Plain::unused:
+            break;
+    }
+    if (at_limit(inst)) {
+        Point *overflow = overflow_of(inst);
+        if (overflow) inst->plain_state.store(Plain::overflowed, std::memory_order_relaxed);
+        return overflow;
+    }
+    ++inst->count;
+    inst->plain_state.store(Plain::own, std::memory_order_release);
+    return &inst->plain;
+}
+
+// attrs' point made, unless another thread made it first. Under the lock.
+Point *first_of(Instrument *inst, const AttrMap *attrs, uint32_t hash) {
+    Point *point = nullptr;
+    Table *table = inst->table.load(std::memory_order_relaxed);
+    if (table) probe(table, attrs, hash, &point);
+    if (point) return point;
+    if (at_limit(inst)) return overflow_of(inst);
+    table = room_for_one(inst);
+    if (!table) return nullptr;
+    Point *made = make_point(attrs, hash);
+    if (!made) return nullptr;
+    probe(table, attrs, hash, &point)->store(made, std::memory_order_release);
+    ++inst->count;
+    return made;
+}
+
+// attrs' point: found without the lock when seen before; null when memory runs out.
+Point *point_of(Instrument *inst, const AttrMap *attrs) {
+    const bool plain = !attrs || attrs->count == 0;
+    uint32_t hash = 0;
+    if (plain) {
+        if (inst->plain_state.load(std::memory_order_acquire) == Plain::own) return &inst->plain;
+    } else {
+        hash = set_hash(attrs);
+        Point *found = nullptr;
+        if (Table *table = inst->table.load(std::memory_order_acquire))
+            probe(table, attrs, hash, &found);
+        if (found) return found;
+    }
+    pthread_mutex_lock(&inst->lock);
+    Point *point = plain ? first_plain(inst) : first_of(inst, attrs, hash);
+    pthread_mutex_unlock(&inst->lock);
     return point;
 }
 
@@ -189,28 +280,28 @@ template <typename Apply>
 int add(void *handle, int value_type, const AttrMap *attrs, Apply apply) {
     auto *inst = static_cast<Instrument *>(handle);
     if (!inst || inst->value_type != value_type) return -1;
-    pthread_mutex_lock(&inst->lock);
     Point *point = point_of(inst, attrs);
-    if (point) apply(&point->sum);
-    pthread_mutex_unlock(&inst->lock);
-    return point ? 0 : -1;
-}
-
-void release_point(Point *point) {
-    free(point->key);
-    attrs_clear(&point->attrs);
+    if (!point) return -1;
+    apply(&point->sum);
+    return 0;
 }
 
 void release_instrument(Instrument *inst) {
-    for (uint32_t i = 0; i < inst->capacity; ++i) {
-        if (inst->table[i].key) release_point(&inst->table[i]);
+    Table *table = inst->table.load(std::memory_order_relaxed);
+    for (uint32_t i = 0; table && i <= table->mask; ++i) {
+        if (Point *point = table->slots[i].load(std::memory_order_relaxed)) release_point(point);
     }
-    if (inst->has_overflow) release_point(&inst->overflow);
-    free(inst->table);
+    while (table) {
+        Table *older = table->older;
+        free(table);
+        table = older;
+    }
+    if (inst->overflow) release_point(inst->overflow);
     free(inst->name);
     free(inst->unit);
     free(inst->description);
     pthread_mutex_destroy(&inst->lock);
+    inst->~Instrument();
     free(inst);
 }
 
@@ -226,7 +317,8 @@ void release_record(void *data) {
 
 bool copy_point(const Point &point, CollectedPoint *into) {
     *into = CollectedPoint{};
-    into->sum = point.sum;
+    const uint64_t bits = point.sum.load(std::memory_order_relaxed);
+    memcpy(&into->sum, &bits, sizeof bits);
     uint32_t dropped = 0;
     attrs_merge(&into->attrs, &point.attrs, kUnlimited, &dropped);
     return dropped == 0;
@@ -244,15 +336,19 @@ MetricRecord *snapshot(Instrument *inst, uint64_t now) {
     if (inst->unit) good = good && (record->unit = strdup(inst->unit));
     if (inst->description) good = good && (record->description = strdup(inst->description));
     pthread_mutex_lock(&inst->lock);
-    const uint32_t total = inst->count + (inst->has_overflow ? 1 : 0);
+    const uint32_t total = inst->count + (inst->overflow ? 1 : 0);
     record->points =
         total ? static_cast<CollectedPoint *>(calloc(total, sizeof(CollectedPoint))) : nullptr;
     good = good && record->points;
-    for (uint32_t i = 0; good && i < inst->capacity; ++i) {
-        if (inst->table[i].key) good = copy_point(inst->table[i], &record->points[record->count++]);
+    if (good && inst->plain_state.load(std::memory_order_relaxed) == Plain::own)
+        good = copy_point(inst->plain, &record->points[record->count++]);
+    const Table *table = inst->table.load(std::memory_order_relaxed);
+    for (uint32_t i = 0; good && table && i <= table->mask; ++i) {
+        if (const Point *point = table->slots[i].load(std::memory_order_relaxed))
+            good = copy_point(*point, &record->points[record->count++]);
     }
-    if (good && inst->has_overflow)
-        good = copy_point(inst->overflow, &record->points[record->count++]);
+    if (good && inst->overflow)
+        good = copy_point(*inst->overflow, &record->points[record->count++]);
     pthread_mutex_unlock(&inst->lock);
     if (!good) {
         release_record(record);
@@ -401,8 +497,9 @@ OTELC_EXPORT void *otelc_create_metrics_inst_from_meter(otelc_instrument_kind ki
         kind.instrument != OTELC_INSTRUMENT_UPDOWN_COUNTER ||
         (kind.value_type != OTELC_VALUE_INT64 && kind.value_type != OTELC_VALUE_DOUBLE))
         return nullptr;
-    auto *inst = static_cast<Instrument *>(calloc(1, sizeof(Instrument)));
-    if (!inst) return nullptr;
+    void *memory = malloc(sizeof(Instrument));
+    if (!memory) return nullptr;
+    auto *inst = new (memory) Instrument();
     bool failed = false;
     inst->meter = scope;
     inst->name = otelc::copy_or_null(name, &failed);
@@ -424,16 +521,25 @@ OTELC_EXPORT void *otelc_create_metrics_inst_from_meter(otelc_instrument_kind ki
 
 OTELC_EXPORT int otelc_metrics_inst_add_int64_attrs(void *instrument, int64_t value,
                                                     AttrMap *attrs) {
-    return otelc::add(instrument, OTELC_VALUE_INT64, attrs, [value](otelc::Sum *sum) {
-        sum->int64 =
-            static_cast<int64_t>(static_cast<uint64_t>(sum->int64) + static_cast<uint64_t>(value));
+    // Unsigned, so that a sum past the int64 range wraps rather than overflows.
+    return otelc::add(instrument, OTELC_VALUE_INT64, attrs, [value](std::atomic<uint64_t> *sum) {
+        sum->fetch_add(static_cast<uint64_t>(value), std::memory_order_relaxed);
     });
 }
 
 OTELC_EXPORT int otelc_metrics_inst_add_double_attrs(void *instrument, double value,
                                                      AttrMap *attrs) {
-    return otelc::add(instrument, OTELC_VALUE_DOUBLE, attrs,
-                      [value](otelc::Sum *sum) { sum->real += value; });
+    return otelc::add(instrument, OTELC_VALUE_DOUBLE, attrs, [value](std::atomic<uint64_t> *sum) {
+        uint64_t bits = sum->load(std::memory_order_relaxed);
+        for (;;) {
+            double real;
+            memcpy(&real, &bits, sizeof real);
+            real += value;
+            uint64_t next;
+            memcpy(&next, &real, sizeof next);
+            if (sum->compare_exchange_weak(bits, next, std::memory_order_relaxed)) return;
+        }
+    });
 }
 
 OTELC_EXPORT void otelc_destroy_metrics_inst(void *instrument) {
