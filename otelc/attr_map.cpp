@@ -9,22 +9,60 @@ namespace otelc {
 
 namespace {
 
-void release_value(Attr *item) {
-    if (item->type == AttrType::text) free(item->value.text);
+constexpr uint32_t kFirstHeapItems = 8;
+
+bool in_room(const AttrMap *map, const char *piece) {
+    return map->text && piece >= map->text && piece < map->text + map->text_size;
 }
 
-// item's value with a private copy of its text; false when memory runs out.
-bool copy_value(const Attr &item, Attr *into) {
+void release_piece(AttrMap *map, char *piece) {
+    if (!in_room(map, piece)) free(piece);
+}
+
+// key, then for a string item its text, in one piece; null when memory runs out.
+char *make_piece(AttrMap *map, const char *key, const Attr &item) {
+    const size_t key_size = strlen(key) + 1;
+    const char *text = item.type == AttrType::text && item.value.text ? item.value.text : "";
+    const size_t text_size = item.type == AttrType::text ? strlen(text) + 1 : 0;
+    const size_t size = key_size + text_size;
+    char *piece;
+    if (size <= map->text_size - map->text_used) {
+        piece = map->text + map->text_used;
+        map->text_used += static_cast<uint32_t>(size);
+    } else {
+        piece = static_cast<char *>(malloc(size));
+        if (!piece) return nullptr;
+    }
+    memcpy(piece, key, key_size);
+    if (text_size) memcpy(piece + key_size, text, text_size);
+    return piece;
+}
+
+// item's key and value as the map's own, key and text in the piece made.
+bool make_item(AttrMap *map, const char *key, const Attr &item, Attr *into) {
+    char *piece = make_piece(map, key, item);
+    if (!piece) return false;
+    into->key = piece;
     into->type = item.type;
     into->value = item.value;
-    if (item.type != AttrType::text) return true;
-    into->value.text = strdup(item.value.text ? item.value.text : "");
-    return into->value.text != nullptr;
+    if (item.type == AttrType::text) into->value.text = piece + strlen(piece) + 1;
+    return true;
 }
 
 bool grow(AttrMap *map) {
-    const uint32_t capacity = map->capacity ? map->capacity * 2 : 4;
-    auto *items = static_cast<Attr *>(realloc(map->items, capacity * sizeof(Attr)));
+    if (!map->items && map->room_items) {
+        map->items = map->room_items;
+        map->capacity = map->room_capacity;
+        return true;
+    }
+    const uint32_t capacity = map->capacity ? map->capacity * 2 : kFirstHeapItems;
+    Attr *items;
+    if (map->items == map->room_items) {
+        items = static_cast<Attr *>(malloc(capacity * sizeof(Attr)));
+        if (items && map->count) memcpy(items, map->items, map->count * sizeof(Attr));
+    } else {
+        items = static_cast<Attr *>(realloc(map->items, capacity * sizeof(Attr)));
+    }
     if (!items) return false;
     map->items = items;
     map->capacity = capacity;
@@ -40,6 +78,14 @@ void set_scalar(AttrMap *map, const char *key, AttrType type, Attr item) {
 
 }  // namespace
 
+void attrs_init(AttrMap *map, Attr *items, uint32_t item_room, char *text, uint32_t text_room) {
+    *map = AttrMap{};
+    map->room_items = items;
+    map->room_capacity = item_room;
+    map->text = text;
+    map->text_size = text_room;
+}
+
 const Attr *attrs_find(const AttrMap *map, const char *key) {
     for (uint32_t i = 0; i < map->count; ++i) {
         if (strcmp(map->items[i].key, key) == 0) return &map->items[i];
@@ -48,23 +94,17 @@ const Attr *attrs_find(const AttrMap *map, const char *key) {
 }
 
 bool attrs_put(AttrMap *map, const Attr &item, uint32_t limit) {
-    Attr value;
+    Attr made;
     if (auto *present = const_cast<Attr *>(attrs_find(map, item.key))) {
-        if (!copy_value(item, &value)) return false;
-        release_value(present);
-        present->type = value.type;
-        present->value = value.value;
+        if (!make_item(map, present->key, item, &made)) return false;
+        release_piece(map, present->key);
+        *present = made;
         return true;
     }
     if (map->count >= limit) return false;
     if (map->count == map->capacity && !grow(map)) return false;
-    value.key = strdup(item.key);
-    if (!value.key) return false;
-    if (!copy_value(item, &value)) {
-        free(value.key);
-        return false;
-    }
-    map->items[map->count++] = value;
+    if (!make_item(map, item.key, item, &made)) return false;
+    map->items[map->count++] = made;
     return true;
 }
 
@@ -76,12 +116,9 @@ void attrs_merge(AttrMap *map, const AttrMap *from, uint32_t limit, uint32_t *dr
 }
 
 void attrs_clear(AttrMap *map) {
-    for (uint32_t i = 0; i < map->count; ++i) {
-        free(map->items[i].key);
-        release_value(&map->items[i]);
-    }
-    free(map->items);
-    *map = AttrMap{};
+    for (uint32_t i = 0; i < map->count; ++i) release_piece(map, map->items[i].key);
+    if (map->items != map->room_items) free(map->items);
+    attrs_init(map, map->room_items, map->room_capacity, map->text, map->text_size);
 }
 
 }  // namespace otelc
@@ -91,8 +128,23 @@ using otelc::AttrType;
 
 extern "C" {
 
+namespace {
+
+// A map made for the caller with room for a few short attributes, so that building one costs a
+// single allocation. malloc rather than calloc: glibc's calloc skips the per-thread cache.
+struct MapBlock {
+    AttrMap map;
+    Attr items[4];
+    char text[128];
+};
+
+}  // namespace
+
 OTELC_EXPORT AttrMap *otelc_create_attr_map(void) {
-    return static_cast<AttrMap *>(calloc(1, sizeof(AttrMap)));
+    auto *block = static_cast<MapBlock *>(malloc(sizeof(MapBlock)));
+    if (!block) return nullptr;
+    otelc::attrs_init(&block->map, block->items, 4, block->text, sizeof block->text);
+    return &block->map;
 }
 
 OTELC_EXPORT void otelc_destroy_attr_map(AttrMap *map) {

@@ -1,8 +1,10 @@
 // Spans: made and filled by the host thread that owns them, handed to their context's queue when
 // they end, encoded as OTLP spans (kind INTERNAL) by the exporter thread.
+#include <atomic>
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
+#include <pthread.h>
 
 #include "otelc/diag.h"
 #include "otelc/ids.h"
@@ -14,9 +16,116 @@ namespace {
 
 constexpr int kSpanKindInternal = 1;
 
+// A span with room for its name and a few short attributes, so that a usual span allocates
+// nothing of its own.
+struct SpanBlock {
+    Span span;
+    SpanBlock *next;  // in a pool
+    Attr items[6];
+    char name[48];
+    char text[192];
+};
+
+// Spans end on the host's threads and are released on the exporter's, where glibc's per-thread
+// cache cannot hand them back: each start would take the allocator's lock against the exporter's
+// frees. Released blocks are pushed instead onto one lock-free stack (push only, taken whole,
+// so no ABA), and each host thread takes the whole stack when its own list runs dry. At most
+// kPoolLimit blocks wait, the rest are freed.
+constexpr uint32_t kPoolLimit = 128;
+std::atomic<SpanBlock *> returned{nullptr};
+std::atomic<uint32_t> pooled{0};
+
+// A host thread's own list, drained when the thread exits. The binding links no C++ runtime, so
+// the exit hook is a pthread key's destructor rather than a thread_local's.
+struct LocalPool {
+    SpanBlock *head;
+    uint32_t taken;  // blocks handed out since pooled last counted them
+    bool hooked;
+};
+
+thread_local LocalPool local_pool;
+pthread_once_t key_once = PTHREAD_ONCE_INIT;
+pthread_key_t exit_key;
+bool key_made;
+
+void drain(void *data) {
+    auto *pool = static_cast<LocalPool *>(data);
+    while (SpanBlock *block = pool->head) {
+        pool->head = block->next;
+        free(block);
+        ++pool->taken;
+    }
+    pooled.fetch_sub(pool->taken, std::memory_order_relaxed);
+    pool->taken = 0;
+}
+
+void make_key() {
+    key_made = pthread_key_create(&exit_key, drain) == 0;
+}
+
+// A library unloaded must leave no destructor of its own for threads that exit later.
+__attribute__((destructor)) void forget_key() {
+    if (key_made) pthread_key_delete(exit_key);
+}
+
+SpanBlock *take_block() {
+    LocalPool &pool = local_pool;
+    if (!pool.hooked) {
+        pthread_once(&key_once, make_key);
+        pool.hooked = key_made && pthread_setspecific(exit_key, &pool) == 0;
+    }
+    if (!pool.head) {
+        if (pool.taken) pooled.fetch_sub(pool.taken, std::memory_order_relaxed);
+        pool.taken = 0;
+        if (returned.load(std::memory_order_relaxed))
+            pool.head = returned.exchange(nullptr, std::memory_order_acquire);
+        if (!pool.head) return static_cast<SpanBlock *>(malloc(sizeof(SpanBlock)));
+    }
+    SpanBlock *block = pool.head;
+    pool.head = block->next;
+    ++pool.taken;
+    return block;
+}
+
+void return_block(SpanBlock *block) {
+    if (pooled.fetch_add(1, std::memory_order_relaxed) >= kPoolLimit) {
+        pooled.fetch_sub(1, std::memory_order_relaxed);
+        free(block);
+        return;
+    }
+    block->next = returned.load(std::memory_order_relaxed);
+    while (!returned.compare_exchange_weak(block->next, block, std::memory_order_release,
+                                           std::memory_order_relaxed)) {
+    }
+}
+
+SpanBlock *block_of(Span *span) {
+    return reinterpret_cast<SpanBlock *>(span);
+}
+
+// A span with its name, empty otherwise; null when memory runs out.
+Span *make_span(const char *name) {
+    SpanBlock *block = take_block();
+    if (!block) return nullptr;
+    Span *span = &block->span;
+    *span = Span{};
+    const size_t size = strlen(name) + 1;
+    if (size <= sizeof block->name) {
+        span->name = static_cast<char *>(memcpy(block->name, name, size));
+    } else if (!(span->name = static_cast<char *>(malloc(size)))) {
+        return_block(block);
+        return nullptr;
+    } else {
+        memcpy(span->name, name, size);
+    }
+    attrs_init(&span->attrs, block->items, 6, block->text, sizeof block->text);
+    return span;
+}
+
 void release_span(void *record) {
     auto *span = static_cast<Span *>(record);
-    free(span->name);
+    SpanBlock *block = block_of(span);
+    if (span->name != block->name) free(span->name);
     free(span->status_message);
     attrs_clear(&span->attrs);
     for (uint32_t i = 0; i < span->event_count; ++i) {
@@ -24,7 +133,7 @@ void release_span(void *record) {
         attrs_clear(&span->events[i].attrs);
     }
     free(span->events);
-    free(span);
+    return_block(block);
 }
 
 const Scope *scope_of(const void *record) {
@@ -166,13 +275,8 @@ OTELC_EXPORT void *otelc_start_span_with_tracer(void *tracer_provider_ctx, void 
     auto *pipeline = static_cast<Pipeline *>(tracer_provider_ctx);
     auto *scope = static_cast<const otelc::Scope *>(tracer);
     if (!pipeline || !scope || scope->signal != otelc::Signal::traces) return nullptr;
-    auto *span = static_cast<Span *>(calloc(1, sizeof(Span)));
+    Span *span = otelc::make_span(name ? name : "");
     if (!span) return nullptr;
-    span->name = strdup(name ? name : "");
-    if (!span->name) {
-        free(span);
-        return nullptr;
-    }
     span->pipeline = pipeline;
     span->scope = scope;
     otelc::SpanContext parent;
