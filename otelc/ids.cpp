@@ -111,12 +111,26 @@ void new_span_id(uint8_t id[8]) {
     fill_nonzero(id, 8);
 }
 
-void to_hex(const uint8_t *bytes, size_t n, char *out) {
-    static const char digits[] = "0123456789abcdef";
-    for (size_t i = 0; i < n; ++i) {
-        out[2 * i] = digits[bytes[i] >> 4];
-        out[2 * i + 1] = digits[bytes[i] & 15];
+namespace {
+
+// Both digits of every byte, so that each span's traceparent costs a copy per byte.
+struct HexPairs {
+    char pair[256][2];
+    constexpr HexPairs() : pair() {
+        const char digits[] = "0123456789abcdef";
+        for (int i = 0; i < 256; ++i) {
+            pair[i][0] = digits[i >> 4];
+            pair[i][1] = digits[i & 15];
+        }
     }
+};
+
+constexpr HexPairs kHexPairs;
+
+}  // namespace
+
+void to_hex(const uint8_t *bytes, size_t n, char *out) {
+    for (size_t i = 0; i < n; ++i) memcpy(out + 2 * i, kHexPairs.pair[bytes[i]], 2);
 }
 
 bool id_from_hex(const char *hex, size_t n, uint8_t *bytes) {
