@@ -20,8 +20,7 @@ void release_piece(AttrMap *map, char *piece) {
 }
 
 // key, then for a string item its text, in one piece; null when memory runs out.
-char *make_piece(AttrMap *map, const char *key, const Attr &item) {
-    const size_t key_size = strlen(key) + 1;
+char *make_piece(AttrMap *map, const char *key, size_t key_size, const Attr &item) {
     const char *text = item.type == AttrType::text && item.value.text ? item.value.text : "";
     const size_t text_size = item.type == AttrType::text ? strlen(text) + 1 : 0;
     const size_t size = key_size + text_size;
@@ -40,12 +39,13 @@ char *make_piece(AttrMap *map, const char *key, const Attr &item) {
 
 // item's key and value as the map's own, key and text in the piece made.
 bool make_item(AttrMap *map, const char *key, const Attr &item, Attr *into) {
-    char *piece = make_piece(map, key, item);
+    const size_t key_size = strlen(key) + 1;
+    char *piece = make_piece(map, key, key_size, item);
     if (!piece) return false;
     into->key = piece;
     into->type = item.type;
     into->value = item.value;
-    if (item.type == AttrType::text) into->value.text = piece + strlen(piece) + 1;
+    if (item.type == AttrType::text) into->value.text = piece + key_size;
     return true;
 }
 
