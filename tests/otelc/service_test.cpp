@@ -1,7 +1,6 @@
 // A service over the built-in provider, our binding (first on the loader's path) and the
 // in-process IPC, steered by an agent that switches a scope off and on: what the loopback
 // receiver gets, and what the file exporter writes for the same service, field by field.
-#include <algorithm>
 #include <functional>
 #include <map>
 #include <set>
@@ -22,6 +21,8 @@ constexpr char kRemoteParent[] = "00-4bf92f3577b34da6a3ce929d0e0e4736-00f067aa0b
 struct KeyValues {
     obs_key_value *list = nullptr;
     KeyValues(const char *key, const char *value) { obs_key_value_add_str(&list, key, value, 0); }
+    KeyValues(const KeyValues &) = delete;
+    KeyValues &operator=(const KeyValues &) = delete;
     ~KeyValues() { obs_key_value_free(list); }
 };
 
