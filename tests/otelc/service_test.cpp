@@ -232,11 +232,16 @@ class Service : public OtelcTest {
 };
 
 TEST_F(Service, ReceiverGetsWhatThePoliciesLetThroughAndTheFileTheSameDocuments) {
+    // The in-process store outlives a run: names of their own keep a repeated run from finding
+    // the policies of the last one.
+    static int runs;
+    const std::string http = "svc-http-" + std::to_string(++runs);
+    const std::string file = "svc-file-" + std::to_string(runs);
     Receiver receiver;
     for (const char *signal : {"TRACES", "LOGS", "METRICS"})
         set(std::string("OTEL_") + signal + "_EXPORTER", "otlp");
     set("OTEL_EXPORTER_OTLP_ENDPOINT", receiver.url());
-    run("svc-http");
+    run(http);
     ASSERT_TRUE(receiver.wait_for(3));
     std::map<std::string, Json> posted;
     for (const Request &request : receiver.requests()) {
@@ -250,24 +255,23 @@ TEST_F(Service, ReceiverGetsWhatThePoliciesLetThroughAndTheFileTheSameDocuments)
     ASSERT_EQ(posted.size(), 3u);
     ASSERT_TRUE(posted.count("/v1/traces") && posted.count("/v1/logs") &&
                 posted.count("/v1/metrics"));
-    check("svc-http", posted.at("/v1/traces").get(), posted.at("/v1/logs").get(),
+    check(http, posted.at("/v1/traces").get(), posted.at("/v1/logs").get(),
           posted.at("/v1/metrics").get());
 
     for (const char *signal : {"TRACES", "LOGS", "METRICS"})
         set(std::string("OTEL_") + signal + "_EXPORTER", "otlp_file");
-    run("svc-file");
+    run(file);
     std::map<std::string, std::vector<Json>> written;
     for (const char *signal : {"TRACES", "LOGS", "METRICS"}) {
         written[signal] = documents(signal);
         ASSERT_EQ(written[signal].size(), 1u) << signal;
     }
-    check("svc-file", written["TRACES"][0].get(), written["LOGS"][0].get(),
-          written["METRICS"][0].get());
+    check(file, written["TRACES"][0].get(), written["LOGS"][0].get(), written["METRICS"][0].get());
     const std::pair<const char *, const char *> pairs[] = {
         {"TRACES", "/v1/traces"}, {"LOGS", "/v1/logs"}, {"METRICS", "/v1/metrics"}};
     for (const auto &pair : pairs) {
-        EXPECT_EQ(normalized(written[pair.first][0].get(), "svc-file"),
-                  normalized(posted.at(pair.second).get(), "svc-http"))
+        EXPECT_EQ(normalized(written[pair.first][0].get(), file),
+                  normalized(posted.at(pair.second).get(), http))
             << pair.first;
     }
 }
