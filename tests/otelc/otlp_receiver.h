@@ -94,6 +94,8 @@ class Receiver {
         std::unique_lock<std::mutex> hold(lock_);
         return received_.wait_for(hold, bound, [&] { return requests_.size() >= n; });
     }
+    // Whether a stalled request is still held open, its client not yet given up.
+    bool holding() const { return holding_; }
     std::vector<Request> requests() {
         std::lock_guard<std::mutex> hold(lock_);
         return requests_;
@@ -163,12 +165,14 @@ class Receiver {
             std::lock_guard<std::mutex> hold(lock_);
             reply = requests_.size() < script_.size() ? script_[requests_.size()] : otherwise_;
             requests_.push_back(request);
+            if (reply.stall) holding_ = true;
         }
         received_.notify_all();
         if (reply.stall) {
             // Until the client closes its side, the receiver stops or its time is up.
             std::string rest;
             read_until(client, &rest, end, [] { return false; });
+            holding_ = false;
             return;
         }
         std::string response = reply.raw;
@@ -185,6 +189,7 @@ class Receiver {
     int listener_ = -1;
     uint16_t port_ = 0;
     std::atomic<bool> stop_{false};
+    std::atomic<bool> holding_{false};
     std::thread thread_;
     std::mutex lock_;
     std::condition_variable received_;

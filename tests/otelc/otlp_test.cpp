@@ -201,29 +201,34 @@ TEST_F(Otlp, RefusalIsDroppedWithOneLineAndNotRetried) {
 }
 
 // The receiver reads the request and never answers: the export gives up at the OTLP timeout,
-// the caller never waits, nor does making a context; cleanup stays bounded.
+// and neither the caller nor making a context waits for it. They are done while the receiver
+// still holds the export open, which it does for the whole timeout.
 TEST_F(Otlp, StalledReceiverCostsTheExportItsTimeoutOnly) {
     Receiver receiver({}, stall());
     set("OTEL_EXPORTER_OTLP_ENDPOINT", receiver.url());
-    set("OTEL_EXPORTER_OTLP_TIMEOUT", "400");
+    set("OTEL_EXPORTER_OTLP_TIMEOUT", "2000");
     set("OTEL_BSP_SCHEDULE_DELAY", "10");
     start_tracing();
     emit("first");
     ASSERT_TRUE(receiver.wait_for(1));
-    const auto emitting = Clock::now();
     for (int i = 0; i < 200; ++i) emit("more");
-    // Nor does making a context wait for the export in flight.
     void *logging = otelc_init_logger_provider_ctx("svc", nullptr, nullptr);
-    EXPECT_LT(Clock::now() - emitting, milliseconds(200));
+    EXPECT_TRUE(receiver.holding()) << "the export in flight ended before the caller was done";
     otelc_cleanup_logger_provider_ctx(logging);
     testing::internal::CaptureStderr();
     const auto start = Clock::now();
     otelc_cleanup_tracer_provider_ctx(tracing_);
-    EXPECT_LT(Clock::now() - start, milliseconds(2000));
+    // Cleanup waits for the export in flight and makes its own, each ending at the timeout. The
+    // bound only catches a wait without a deadline; beyond twice the timeout it is slack for a
+    // loaded machine (sanitizers, qemu).
+    EXPECT_LT(Clock::now() - start, milliseconds(2 * 2000 + 4000));
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(counts(log), std::make_pair(201, 0)) << log;
 }
 
+// Nothing listens: every export fails at connect and is retried until the OTLP timeout, which
+// the stalled case shows the caller never waits for; here the drops are counted and the refusal
+// logged once.
 TEST_F(Otlp, AbsentReceiverCountsDropsAndBlocksNothing) {
     const std::string url = "http://127.0.0.1:" + std::to_string(closed_port());
     set("OTEL_EXPORTER_OTLP_ENDPOINT", url);
@@ -231,19 +236,15 @@ TEST_F(Otlp, AbsentReceiverCountsDropsAndBlocksNothing) {
     set("OTEL_BSP_SCHEDULE_DELAY", "5");
     testing::internal::CaptureStderr();
     start_tracing();
-    auto slowest = Clock::duration::zero();
+    // Emitting for a while lets several exports fail and retry meanwhile.
     const auto end = Clock::now() + milliseconds(600);
     int emitted = 0;
-    for (; Clock::now() < end; ++emitted) {
-        const auto start = Clock::now();
-        emit("lost");
-        slowest = std::max(slowest, Clock::now() - start);
-    }
+    for (; Clock::now() < end; ++emitted) emit("lost");
     const auto start = Clock::now();
     otelc_cleanup_tracer_provider_ctx(tracing_);
-    // At most the export in flight and cleanup's own, each bounded by the timeout.
-    EXPECT_LT(Clock::now() - start, milliseconds(3000));
-    EXPECT_LT(slowest, milliseconds(250));
+    // At most the export in flight and cleanup's own, each bounded by the 1 s timeout; the rest
+    // of the bound is slack for a loaded machine, not a measure of speed.
+    EXPECT_LT(Clock::now() - start, milliseconds(2 * 1000 + 4000));
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(counts(log), std::make_pair(emitted, 0)) << log;
     // Repeated refusals log once.
