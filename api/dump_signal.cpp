@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "observability/instrumentation.h"
+#include "support/background_thread.h"
 
 namespace obs {
 namespace {
@@ -30,19 +31,10 @@ void *dump_main(void *) {
     return nullptr;
 }
 
-// The thread blocks every signal, so the dump signal is always taken by a host thread.
 void start_dump_thread() {
     if (sem_init(&dump_requests, 0, 0) != 0) return;
-    sigset_t all, previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &previous);
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     pthread_t thread;
-    dump_thread_started = pthread_create(&thread, &attr, dump_main, nullptr) == 0;
-    pthread_attr_destroy(&attr);
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    dump_thread_started = obs::start_background_thread(dump_main, &thread);
 }
 
 }  // namespace

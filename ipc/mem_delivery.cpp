@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "support/background_thread.h"
 #include "support/list.h"
 
 namespace obs {
@@ -73,17 +74,9 @@ void *delivery_main(void *) {
     }
 }
 
-// Starts the thread with every signal blocked; the caller holds queue_lock.
+// The caller holds queue_lock.
 bool start_thread() {
-    sigset_t all, previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &previous);
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    thread_running = pthread_create(&delivery_thread, &attr, delivery_main, nullptr) == 0;
-    pthread_attr_destroy(&attr);
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    thread_running = obs::start_background_thread(delivery_main, &delivery_thread);
     return thread_running;
 }
 
