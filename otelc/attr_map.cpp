@@ -93,6 +93,37 @@ const Attr *attrs_find(const AttrMap *map, const char *key) {
     return nullptr;
 }
 
+namespace {
+
+bool same_value(const Attr &a, const Attr &b) {
+    if (a.type != b.type) return false;
+    switch (a.type) {
+        case AttrType::boolean:
+            return a.value.boolean == b.value.boolean;
+        case AttrType::int64:
+            return a.value.int64 == b.value.int64;
+        case AttrType::real:
+            return memcmp(&a.value.real, &b.value.real, sizeof a.value.real) == 0;
+        case AttrType::text:
+            return strcmp(a.value.text, b.value.text) == 0;
+    }
+    return false;
+}
+
+}  // namespace
+
+// Keys are unique within a map, so equal counts and every key of b found equal in a make the
+// same map.
+bool attrs_equal(const AttrMap *a, const AttrMap *b) {
+    const uint32_t count = b ? b->count : 0;
+    if ((a ? a->count : 0) != count) return false;
+    for (uint32_t i = 0; i < count; ++i) {
+        const Attr *found = attrs_find(a, b->items[i].key);
+        if (!found || !same_value(*found, b->items[i])) return false;
+    }
+    return true;
+}
+
 bool attrs_put(AttrMap *map, const Attr &item, uint32_t limit) {
     Attr made;
     if (auto *present = const_cast<Attr *>(attrs_find(map, item.key))) {

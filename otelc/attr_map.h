@@ -54,6 +54,9 @@ void attrs_merge(AttrMap *map, const AttrMap *from, uint32_t limit, uint32_t *dr
 // Releases what the map holds and leaves it empty, with the room it was given.
 void attrs_clear(AttrMap *map);
 const Attr *attrs_find(const AttrMap *map, const char *key);
+// Whether the maps hold the same keys with the same values (reals compared bit for bit, so that a
+// set holding NaN still equals itself); a null map is empty.
+bool attrs_equal(const AttrMap *a, const AttrMap *b);
 
 }  // namespace otelc
 

@@ -116,37 +116,11 @@ uint32_t set_hash(const AttrMap *attrs) {
     return hash;
 }
 
-bool same_value(const Attr &a, const Attr &b) {
-    if (a.type != b.type) return false;
-    switch (a.type) {
-        case AttrType::boolean:
-            return a.value.boolean == b.value.boolean;
-        case AttrType::int64:
-            return a.value.int64 == b.value.int64;
-        case AttrType::real:
-            return memcmp(&a.value.real, &b.value.real, sizeof a.value.real) == 0;
-        case AttrType::text:
-            return strcmp(a.value.text, b.value.text) == 0;
-    }
-    return false;
-}
-
-// Keys are unique within a map, so equal counts and every key of attrs found equal in point's
-// make the same set.
-bool same_set(const Point &point, const AttrMap *attrs) {
-    if (point.attrs.count != attrs->count) return false;
-    for (uint32_t i = 0; i < attrs->count; ++i) {
-        const Attr *found = attrs_find(&point.attrs, attrs->items[i].key);
-        if (!found || !same_value(*found, attrs->items[i])) return false;
-    }
-    return true;
-}
-
 // attrs' point in table, or the empty slot where it would go.
 std::atomic<Point *> *probe(Table *table, const AttrMap *attrs, uint32_t hash, Point **found) {
     for (uint32_t i = hash & table->mask;; i = (i + 1) & table->mask) {
         Point *point = table->slots[i].load(std::memory_order_acquire);
-        if (!point || (point->hash == hash && same_set(*point, attrs))) {
+        if (!point || (point->hash == hash && attrs_equal(&point->attrs, attrs))) {
             *found = point;
             return &table->slots[i];
         }

@@ -16,31 +16,6 @@ bool same_text(const char *a, const char *b) {
     return strcmp(a ? a : "", b ? b : "") == 0;
 }
 
-bool same_value(const Attr &a, const Attr &b) {
-    if (a.type != b.type) return false;
-    switch (a.type) {
-        case AttrType::boolean:
-            return a.value.boolean == b.value.boolean;
-        case AttrType::int64:
-            return a.value.int64 == b.value.int64;
-        case AttrType::real:
-            return a.value.real == b.value.real;
-        case AttrType::text:
-            return strcmp(a.value.text, b.value.text) == 0;
-    }
-    return false;
-}
-
-bool same_attrs(const AttrMap *a, const AttrMap *b) {
-    const uint32_t count = b ? b->count : 0;
-    if (a->count != count) return false;
-    for (uint32_t i = 0; i < count; ++i) {
-        const Attr *found = attrs_find(a, b->items[i].key);
-        if (!found || !same_value(*found, b->items[i])) return false;
-    }
-    return true;
-}
-
 char *copy_or_null(const char *text, bool *failed) {
     if (!text) return nullptr;
     char *copy = strdup(text);
@@ -67,7 +42,7 @@ Scope *scope_get(Signal signal, Pipeline *pipeline, const char *name, const char
     for (Scope *s = scopes; s; s = s->next) {
         if (s->signal == signal && same_text(s->name, name) && same_text(s->version, version) &&
             same_text(s->schema_url, schema_url) && same_text(s->service_name, service) &&
-            same_attrs(&s->attrs, attrs)) {
+            attrs_equal(&s->attrs, attrs)) {
             pthread_mutex_unlock(&scopes_lock);
             return s;
         }
